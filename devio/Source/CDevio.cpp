@@ -73,51 +73,43 @@ std::shared_ptr<IDeviceManager> CDevio::manager() {
     return getimpl();
 }
 
-// The calls below may come during exit, after this object is gone. They
-// return at once then, without logging: the log facility may be gone too.
+// The calls below come from the event fabric and from dying objects, also
+// during exit after the exit sequence. They return at once then, without
+// logging: the log facility may be gone too.
+std::shared_ptr<DeviceManager> CDevio::impl_for_fabric(const char* function, const char* operation,
+                                                       bool log_skipping) {
+    if (destroyed.load()) return nullptr;
+    xLog("Devio", 2, function, "CDevio::%s", operation);
+    auto manager = impl_if_alive();
+    if (!manager && log_skipping) xLog("Devio", 2, function, "skipping CDevio::%s", operation);
+    return manager;
+}
 
 void CDevio::report_unreported_error(const char* where) {
-    if (destroyed.load()) return;
-    xLog("Devio", 2, "devio::CDevio::report_unreported_error", "CDevio::report_unreported_error");
-    auto manager = impl_if_alive();
-    if (!manager) {
-        xLog("Devio", 2, "devio::CDevio::report_unreported_error",
-             "skipping CDevio::report_unreported_error");
-        return;
-    }
-    manager->report_unreported_error(where);
+    auto manager = impl_for_fabric("devio::CDevio::report_unreported_error",
+                                   "report_unreported_error", true);
+    if (manager) manager->report_unreported_error(where);
 }
 
 void CDevio::enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber, const void* set,
                                        std::string name) {
-    if (destroyed.load()) return;
-    xLog("Devio", 2, "devio::CDevio::enqueue_event_for_runloop",
-         "CDevio::enqueue_event_for_runloop");
-    auto manager = impl_if_alive();
-    if (!manager) {
-        xLog("Devio", 2, "devio::CDevio::enqueue_event_for_runloop",
-             "skipping CDevio::enqueue_event_for_runloop");
-        return;
+    auto manager = impl_for_fabric("devio::CDevio::enqueue_event_for_runloop",
+                                   "enqueue_event_for_runloop", true);
+    if (manager) {
+        manager->enqueue_event_for_runloop(std::move(closure), subscriber, set, std::move(name));
     }
-    manager->enqueue_event_for_runloop(std::move(closure), subscriber, set, std::move(name));
 }
 
 void CDevio::call_event_from_runloop() {
-    if (destroyed.load()) return;
-    xLog("Devio", 2, "devio::CDevio::call_event_from_runloop", "CDevio::call_event_from_runloop");
-    if (auto manager = impl_if_alive()) manager->call_event_from_runloop();
+    auto manager = impl_for_fabric("devio::CDevio::call_event_from_runloop",
+                                   "call_event_from_runloop", false);
+    if (manager) manager->call_event_from_runloop();
 }
 
 void CDevio::remove_runloop_events(void* subscriber, const void* set) {
-    if (destroyed.load()) return;
-    xLog("Devio", 2, "devio::CDevio::remove_runloop_events", "CDevio::remove_runloop_events");
-    auto manager = impl_if_alive();
-    if (!manager) {
-        xLog("Devio", 2, "devio::CDevio::remove_runloop_events",
-             "skipping CDevio::remove_runloop_events");
-        return;
-    }
-    manager->remove_runloop_events(subscriber, set);
+    auto manager =
+        impl_for_fabric("devio::CDevio::remove_runloop_events", "remove_runloop_events", true);
+    if (manager) manager->remove_runloop_events(subscriber, set);
 }
 
 }  // namespace devio

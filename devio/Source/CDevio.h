@@ -56,6 +56,10 @@ private:
     std::shared_ptr<DeviceManager> getimpl();
     // For the calls of the event fabric and of dying objects: never creates.
     std::shared_ptr<DeviceManager> impl_if_alive();
+    // `impl_if_alive` with the logging of those calls: their own name, and
+    // their skipping when there is no manager.
+    std::shared_ptr<DeviceManager> impl_for_fabric(const char* function, const char* operation,
+                                                   bool log_skipping);
 
     std::shared_ptr<DeviceManager> impl;
     std::mutex impl_mutex;
