@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "log_buffer.h"
+#include "log_platform.h"
 #include "xlog.h"
 
 namespace {
@@ -34,7 +35,8 @@ int threadCount() {
 }
 
 bool waitForDrain() {
-    for (int i = 0; i < 6000 && LogBuffer::unreadCount() != 0; ++i) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 6000 && LogBuffer::unreadCount() != 0; ++i)
+        std::this_thread::sleep_for(5ms);
     return LogBuffer::unreadCount() == 0;
 }
 
@@ -135,12 +137,19 @@ int shutdown() {
 int main(int argc, char** argv) {
     std::string scenario = argc > 1 ? argv[1] : "";
     auto arg = [&](int i, long fallback) { return argc > i ? std::atol(argv[i]) : fallback; };
-    if (scenario == "threads") return threads(static_cast<int>(arg(2, 8)), static_cast<int>(arg(3, 1000)));
-    if (scenario == "growth") return growth(static_cast<size_t>(arg(2, 300)), static_cast<int>(arg(3, 4)));
-    if (scenario == "overrun") return overrun(static_cast<size_t>(arg(2, 100)), static_cast<int>(arg(3, 500)));
+    if (scenario == "threads")
+        return threads(static_cast<int>(arg(2, 8)), static_cast<int>(arg(3, 1000)));
+    if (scenario == "growth")
+        return growth(static_cast<size_t>(arg(2, 300)), static_cast<int>(arg(3, 4)));
+    if (scenario == "overrun")
+        return overrun(static_cast<size_t>(arg(2, 100)), static_cast<int>(arg(3, 500)));
     if (scenario == "formats") return formats();
     if (scenario == "disabled") return disabled();
     if (scenario == "shutdown") return shutdown();
+    if (scenario == "purge" && argc > 3) {
+        devio::XLogPlatformSpecific::purgeOldLogFiles(argv[2], argv[3], "devio");
+        return 0;
+    }
     if (scenario == "log") return xLog("Probe", 2, "devio::Probe::log", "hello") ? 0 : 1;
     std::fprintf(stderr, "unknown scenario %s\n", scenario.c_str());
     return 2;
