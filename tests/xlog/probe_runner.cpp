@@ -1,6 +1,7 @@
 #include "probe_runner.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,6 +100,10 @@ ProbeResult ProbeRunner::run(const std::vector<std::string>& args,
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     result.out = readAll(outPath);
     result.err = readAll(errPath);
+    for (const char* report :
+         {"ThreadSanitizer", "AddressSanitizer", "LeakSanitizer", "runtime error:"})
+        if (result.err.find(report) != std::string::npos)
+            ADD_FAILURE() << "the probe reported:\n" << result.err;
     if (fs::exists(logFolder())) {
         for (const auto& entry : fs::directory_iterator(logFolder()))
             result.logFiles.push_back(entry.path());

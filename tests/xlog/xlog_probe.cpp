@@ -24,11 +24,20 @@ using namespace std::chrono_literals;
 using devio::LogBuffer;
 using devio::xLog;
 
-int threadCount() {
+// Threads of this process named "xlog", the log thread's name.
+int logThreads() {
     int count = 0;
     if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            if (entry->d_name[0] != '.') ++count;
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') continue;
+            std::string comm = std::string("/proc/self/task/") + entry->d_name + "/comm";
+            char name[32] = {};
+            if (FILE* f = std::fopen(comm.c_str(), "r")) {
+                if (std::fgets(name, sizeof name, f) != nullptr && std::strcmp(name, "xlog\n") == 0)
+                    ++count;
+                std::fclose(f);
+            }
+        }
         closedir(dir);
     }
     return count;
@@ -116,16 +125,16 @@ int formats() {
 
 int disabled() {
     bool result = xLog("Probe", 0, "devio::Probe::disabled", "nothing");
-    std::printf("result=%d\nthreads=%d\n", result ? 1 : 0, threadCount());
+    std::printf("result=%d\nlogThreads=%d\n", result ? 1 : 0, logThreads());
     return 0;
 }
 
 int shutdown() {
     xLog("Probe", 2, "devio::Probe::shutdown", "before");
-    int before = threadCount();
+    int logging = logThreads();
     LogBuffer::shutdown();
     xLog("Probe", 2, "devio::Probe::shutdown", "after");
-    std::printf("threadsBefore=%d\nthreadsAfter=%d\n", before, threadCount());
+    std::printf("logThreadsBefore=%d\nlogThreadsAfter=%d\n", logging, logThreads());
     // Leave without running static destructors: "after" must already be in
     // the file.
     std::fflush(stdout);

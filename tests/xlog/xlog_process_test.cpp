@@ -272,7 +272,7 @@ TEST(XLogProcessTest, LoggingOffMeansNoFileAndNoThread) {
         ProbeResult r = runner.run({"disabled"}, env);
         ASSERT_EQ(r.exitCode, 0) << r.err;
         EXPECT_EQ(r.value("result"), 1);
-        EXPECT_EQ(r.value("threads"), 1);
+        EXPECT_EQ(r.value("logThreads"), 0);
         EXPECT_FALSE(fs::exists(runner.logFolder()));
         EXPECT_EQ(r.err, "");
     }
@@ -282,8 +282,8 @@ TEST(XLogProcessTest, ShutdownWritesStraightToTheFile) {
     ProbeRunner runner;
     ProbeResult r = runner.run({"shutdown"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.value("threadsBefore"), 2);
-    EXPECT_EQ(r.value("threadsAfter"), 1);
+    EXPECT_EQ(r.value("logThreadsBefore"), 1);
+    EXPECT_EQ(r.value("logThreadsAfter"), 0);
     // The process left without any exit handling; the line is there anyway.
     size_t after = indexOf(r, "devio::Probe::shutdown after");
     ASSERT_NE(after, SIZE_MAX);

@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fnmatch.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -82,6 +83,10 @@ uint32_t XLogPlatformSpecific::threadId() {
 
 void XLogPlatformSpecific::debugOutput(const char* line, size_t length) {
     std::fwrite(line, 1, length, stderr);
+}
+
+void XLogPlatformSpecific::nameLogThread(std::thread& thread) {
+    pthread_setname_np(thread.native_handle(), "xlog");
 }
 
 void XLogPlatformSpecific::lowerThreadPriority() {

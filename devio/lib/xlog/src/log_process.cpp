@@ -233,6 +233,7 @@ bool installFirstBuffer(LogState& s) {
     if (s.shutdown.load()) return true;
     try {
         s.thread = std::thread(logThreadProc);
+        XLogPlatformSpecific::nameLogThread(s.thread);
     } catch (const std::system_error&) {
         // Without a reader the rings would only fill up: write through.
         s.shutdown.store(true);
