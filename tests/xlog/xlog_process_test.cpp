@@ -305,15 +305,17 @@ TEST(XLogProcessTest, PurgeCountsAgeFromTheNewestFileOfThisProgramOnly) {
     ProbeRunner runner;
     fs::path folder = runner.logFolder();
     fs::create_directories(folder);
-    // At startup the fresh file is the newest.
+    // At startup the fresh file is the newest. Ages are half a day off the
+    // whole day, since the file system stamps the fresh file with a coarser
+    // clock than the one used here.
     struct Old {
         std::string name;
         hours age;
         bool survives;
     } files[] = {
-        {"xlog_20200101_000000_1_xlogprobe_devio.dblog", 3 * day, true},
-        {"xlog_20200101_000000_2_xlogprobe_devio.dblog", 8 * day, false},
-        {"xlog_20200101_000000_3_xlogprobe_devio.dblog", 200 * day, false},
+        {"xlog_20200101_000000_1_xlogprobe_devio.dblog", 3 * day + hours(12), true},
+        {"xlog_20200101_000000_2_xlogprobe_devio.dblog", 8 * day + hours(12), false},
+        {"xlog_20200101_000000_3_xlogprobe_devio.dblog", 200 * day + hours(12), false},
         {"xlog_20200101_000000_4_otherprog_devio.dblog", 300 * day, true},
         {"xlog_20200101_000000_5_xlogprobe_other.dblog", 300 * day, true},
         {"notes_xlogprobe_devio.dblog", 300 * day, true},

@@ -23,10 +23,10 @@ namespace {
 // The longest temp folder the file name still fits behind.
 constexpr size_t maxTempPathLength = 289;
 constexpr size_t maxProcessNameLength = 19;
-// How far below normal work the log thread runs (a nice value; 19 is the
-// floor). Low enough to yield to device threads, high enough to keep up with
-// bursts on a busy machine.
-constexpr int logThreadNiceIncrement = 10;
+// How far below normal work the log thread runs, in nice steps: two, as two
+// priority levels below normal. Lower still and a busy machine starves it
+// during a burst, before it has grown the rings, and messages are lost.
+constexpr int logThreadNiceIncrement = 2;
 
 }  // namespace
 
