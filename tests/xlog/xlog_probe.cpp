@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "log_buffer.h"
+#include "log_platform.h"
 #include "xlog.h"
 
 namespace {
@@ -23,18 +24,28 @@ using namespace std::chrono_literals;
 using devio::LogBuffer;
 using devio::xLog;
 
-int threadCount() {
+// Threads of this process named "xlog", the log thread's name.
+int logThreads() {
     int count = 0;
     if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            if (entry->d_name[0] != '.') ++count;
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') continue;
+            std::string comm = std::string("/proc/self/task/") + entry->d_name + "/comm";
+            char name[32] = {};
+            if (FILE* f = std::fopen(comm.c_str(), "r")) {
+                if (std::fgets(name, sizeof name, f) != nullptr && std::strcmp(name, "xlog\n") == 0)
+                    ++count;
+                std::fclose(f);
+            }
+        }
         closedir(dir);
     }
     return count;
 }
 
 bool waitForDrain() {
-    for (int i = 0; i < 6000 && LogBuffer::unreadCount() != 0; ++i) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 6000 && LogBuffer::unreadCount() != 0; ++i)
+        std::this_thread::sleep_for(5ms);
     return LogBuffer::unreadCount() == 0;
 }
 
@@ -114,16 +125,16 @@ int formats() {
 
 int disabled() {
     bool result = xLog("Probe", 0, "devio::Probe::disabled", "nothing");
-    std::printf("result=%d\nthreads=%d\n", result ? 1 : 0, threadCount());
+    std::printf("result=%d\nlogThreads=%d\n", result ? 1 : 0, logThreads());
     return 0;
 }
 
 int shutdown() {
     xLog("Probe", 2, "devio::Probe::shutdown", "before");
-    int before = threadCount();
+    int logging = logThreads();
     LogBuffer::shutdown();
     xLog("Probe", 2, "devio::Probe::shutdown", "after");
-    std::printf("threadsBefore=%d\nthreadsAfter=%d\n", before, threadCount());
+    std::printf("logThreadsBefore=%d\nlogThreadsAfter=%d\n", logging, logThreads());
     // Leave without running static destructors: "after" must already be in
     // the file.
     std::fflush(stdout);
@@ -135,12 +146,19 @@ int shutdown() {
 int main(int argc, char** argv) {
     std::string scenario = argc > 1 ? argv[1] : "";
     auto arg = [&](int i, long fallback) { return argc > i ? std::atol(argv[i]) : fallback; };
-    if (scenario == "threads") return threads(static_cast<int>(arg(2, 8)), static_cast<int>(arg(3, 1000)));
-    if (scenario == "growth") return growth(static_cast<size_t>(arg(2, 300)), static_cast<int>(arg(3, 4)));
-    if (scenario == "overrun") return overrun(static_cast<size_t>(arg(2, 100)), static_cast<int>(arg(3, 500)));
+    if (scenario == "threads")
+        return threads(static_cast<int>(arg(2, 8)), static_cast<int>(arg(3, 1000)));
+    if (scenario == "growth")
+        return growth(static_cast<size_t>(arg(2, 300)), static_cast<int>(arg(3, 4)));
+    if (scenario == "overrun")
+        return overrun(static_cast<size_t>(arg(2, 100)), static_cast<int>(arg(3, 500)));
     if (scenario == "formats") return formats();
     if (scenario == "disabled") return disabled();
     if (scenario == "shutdown") return shutdown();
+    if (scenario == "purge" && argc > 3) {
+        devio::XLogPlatformSpecific::purgeOldLogFiles(argv[2], argv[3], "devio");
+        return 0;
+    }
     if (scenario == "log") return xLog("Probe", 2, "devio::Probe::log", "hello") ? 0 : 1;
     std::fprintf(stderr, "unknown scenario %s\n", scenario.c_str());
     return 2;

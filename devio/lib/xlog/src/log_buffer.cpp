@@ -28,7 +28,9 @@ void takeFlag(std::atomic<uint32_t>& flag) {
     }
 }
 
-void releaseFlag(std::atomic<uint32_t>& flag) { flag.store(0, std::memory_order_release); }
+void releaseFlag(std::atomic<uint32_t>& flag) {
+    flag.store(0, std::memory_order_release);
+}
 
 }  // namespace
 
@@ -58,7 +60,8 @@ LogBuffer::LogBuffer(size_t entries, size_t bytes)
       byteCount_(bytes < byteReserve + 8 ? byteReserve + 8 : bytes),
       entries_(new Entry[entryCount_]),
       bytes_(new char[byteCount_]) {
-    for (size_t i = 0; i < entryCount_; ++i) entries_[i].pending.store(1, std::memory_order_relaxed);
+    for (size_t i = 0; i < entryCount_; ++i)
+        entries_[i].pending.store(1, std::memory_order_relaxed);
 }
 
 LogBuffer::~LogBuffer() = default;
@@ -127,11 +130,13 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
     // The message may hold NULs of its own; its length comes from the size.
     size_t messageLength = entry.size - tagLength - functionLength - 3;
     sink.output(Record{entry.time, entry.thread, static_cast<int>(entry.level),
-                       std::string_view(record, tagLength), std::string_view(function, functionLength),
+                       std::string_view(record, tagLength),
+                       std::string_view(function, functionLength),
                        std::string_view(message, messageLength)});
 
     entry.pending.store(1, std::memory_order_relaxed);
-    readPosition_.store(Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_});
+    readPosition_.store(
+        Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_});
     return ReadResult::output;
 }
 

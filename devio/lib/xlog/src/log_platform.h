@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <thread>
 
 // What the log facility asks of the machine. One implementation per platform
 // (log_platform_linux.cpp). All functions may be called from any thread.
@@ -27,6 +28,10 @@ public:
 
     // The debug channel: one whole line at a time.
     static void debugOutput(const char* line, size_t length);
+
+    // Names the log thread "xlog", so that it can be told apart in top and in
+    // a debugger.
+    static void nameLogThread(std::thread& thread);
 
     // Lowers the calling thread's scheduling priority below normal work.
     static void lowerThreadPriority();

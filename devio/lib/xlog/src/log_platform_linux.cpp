@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fnmatch.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,10 +23,10 @@ namespace {
 // The longest temp folder the file name still fits behind.
 constexpr size_t maxTempPathLength = 289;
 constexpr size_t maxProcessNameLength = 19;
-// How far below normal work the log thread runs (a nice value; 19 is the
-// floor). Low enough to yield to device threads, high enough to keep up with
-// bursts on a busy machine.
-constexpr int logThreadNiceIncrement = 10;
+// How far below normal work the log thread runs, in nice steps: two, as two
+// priority levels below normal. Lower still and a busy machine starves it
+// during a burst, before it has grown the rings, and messages are lost.
+constexpr int logThreadNiceIncrement = 2;
 
 }  // namespace
 
@@ -36,14 +37,15 @@ std::string XLogPlatformSpecific::logFolder() {
         if (temp.back() != '/') temp += '/';
     }
     if (temp.size() > maxTempPathLength) {
-        xLog("xLog", 0, "devio::XLogPlatformSpecific::logFolder", "Could not get path for log files");
+        xLog("xLog", 0, "devio::XLogPlatformSpecific::logFolder",
+             "Could not get path for log files");
         return {};
     }
     std::string folder = temp + "xlog_vantrel/";
     mkdir(folder.c_str(), 0700);
     // The temp folder is shared between users: only a real directory of our
     // own is trusted with our logs.
-    struct stat st{};
+    struct stat st {};
     if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid())
         return {};
     return folder;
@@ -58,17 +60,21 @@ std::string XLogPlatformSpecific::executablePath() {
 
 std::string XLogPlatformSpecific::processName(std::string_view executablePath) {
     size_t slash = executablePath.rfind('/');
-    std::string_view file = slash == std::string_view::npos ? executablePath : executablePath.substr(slash + 1);
+    std::string_view file =
+        slash == std::string_view::npos ? executablePath : executablePath.substr(slash + 1);
     file = file.substr(0, file.find('.'));
     std::string name;
     for (char c : file) {
-        bool letterOrDigit = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        bool letterOrDigit =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
         if (letterOrDigit && name.size() < maxProcessNameLength) name += c;
     }
     return name;
 }
 
-uint32_t XLogPlatformSpecific::processId() { return static_cast<uint32_t>(getpid()); }
+uint32_t XLogPlatformSpecific::processId() {
+    return static_cast<uint32_t>(getpid());
+}
 
 uint32_t XLogPlatformSpecific::threadId() {
     thread_local uint32_t id = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -77,6 +83,10 @@ uint32_t XLogPlatformSpecific::threadId() {
 
 void XLogPlatformSpecific::debugOutput(const char* line, size_t length) {
     std::fwrite(line, 1, length, stderr);
+}
+
+void XLogPlatformSpecific::nameLogThread(std::thread& thread) {
+    pthread_setname_np(thread.native_handle(), "xlog");
 }
 
 void XLogPlatformSpecific::lowerThreadPriority() {
@@ -95,8 +105,9 @@ bool XLogPlatformSpecific::debuggerPresent() {
     return false;
 }
 
-void XLogPlatformSpecific::purgeOldLogFiles(const std::string& folder, const std::string& processName,
-                                             const std::string& nameSpace) {
+void XLogPlatformSpecific::purgeOldLogFiles(const std::string& folder,
+                                            const std::string& processName,
+                                            const std::string& nameSpace) {
     static const char* const function = "devio::XLogPlatformSpecific::purgeOldLogFiles";
     constexpr int64_t nanosecondsPerDay = 86400LL * 1000 * 1000 * 1000;
     std::string pattern = "xlog_*_" + processName + "_" + nameSpace + ".dblog";
@@ -111,9 +122,10 @@ void XLogPlatformSpecific::purgeOldLogFiles(const std::string& folder, const std
         while (dirent* entry = readdir(dir)) {
             if (fnmatch(pattern.c_str(), entry->d_name, FNM_PERIOD) != 0) continue;
             std::string path = folder + entry->d_name;
-            struct stat st{};
+            struct stat st {};
             if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-            int64_t time = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+            int64_t time =
+                static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
             files.push_back({path, time});
             if (time > newest) newest = time;
         }

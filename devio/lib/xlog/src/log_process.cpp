@@ -80,13 +80,15 @@ void reportOverruns() {
     if (count == 0) return;
     reportingOverruns = true;
     bool stored = xLog(bufferTag, 0, "devio::LogBuffer::report_overruns",
-                       "xLog overrun detected by reader, lost %d messages around this time", static_cast<int>(count));
+                       "xLog overrun detected by reader, lost %d messages around this time",
+                       static_cast<int>(count));
     reportingOverruns = false;
     if (!stored) s.lost.fetch_add(count);
 }
 
 void wakeReader(LogState& s) {
-    if (s.readerWaiting.load(std::memory_order_seq_cst) && s.readerWaiting.exchange(false)) s.wakeUp.release();
+    if (s.readerWaiting.load(std::memory_order_seq_cst) && s.readerWaiting.exchange(false))
+        s.wakeUp.release();
 }
 
 class FileSink : public LogBuffer::Sink {
@@ -130,10 +132,12 @@ void growIfNeeded(LogState& s) {
         LogBuffer* expected = current;
         if (s.current.compare_exchange_strong(expected, fresh.get())) {
             s.buffers.push_back(std::move(fresh));
-            xLog(bufferTag, 2, function, "xLog enlarged buffer from %u/%u to %u/%u, currently using %u/%u",
-                 static_cast<unsigned>(current->entryCount()), static_cast<unsigned>(current->byteCount()),
-                 static_cast<unsigned>(entries), static_cast<unsigned>(bytes),
-                 static_cast<unsigned>(usedEntries), static_cast<unsigned>(usedBytes));
+            xLog(bufferTag, 2, function,
+                 "xLog enlarged buffer from %u/%u to %u/%u, currently using %u/%u",
+                 static_cast<unsigned>(current->entryCount()),
+                 static_cast<unsigned>(current->byteCount()), static_cast<unsigned>(entries),
+                 static_cast<unsigned>(bytes), static_cast<unsigned>(usedEntries),
+                 static_cast<unsigned>(usedBytes));
             return;
         }
     } catch (const std::bad_alloc&) {
@@ -155,8 +159,8 @@ bool outputFromOldestBuffer(LogState& s) {
         // Empty, and no writer inside; one that enters now sees the swap.
         if (outputOne(s, oldest) != LogBuffer::ReadResult::empty) return true;
         xLog(bufferTag, 2, "devio::LogBuffer::output_from_oldest_buffer",
-             "xLog deleting old log buffer containing %u/%u", static_cast<unsigned>(oldest.entryCount()),
-             static_cast<unsigned>(oldest.byteCount()));
+             "xLog deleting old log buffer containing %u/%u",
+             static_cast<unsigned>(oldest.entryCount()), static_cast<unsigned>(oldest.byteCount()));
         s.buffers.pop_front();
     }
     if (s.buffers.empty()) return false;
@@ -169,7 +173,9 @@ bool anyWriters(const LogState& s) {
     return false;
 }
 
-bool drained(const LogState& s) { return s.unread.load() == 0 && !anyWriters(s); }
+bool drained(const LogState& s) {
+    return s.unread.load() == 0 && !anyWriters(s);
+}
 
 // Waits for a writer's wake-up or the idle interval; flushes on the latter.
 void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
@@ -227,6 +233,7 @@ bool installFirstBuffer(LogState& s) {
     if (s.shutdown.load()) return true;
     try {
         s.thread = std::thread(logThreadProc);
+        XLogPlatformSpecific::nameLogThread(s.thread);
     } catch (const std::system_error&) {
         // Without a reader the rings would only fill up: write through.
         s.shutdown.store(true);
@@ -239,14 +246,15 @@ bool installFirstBuffer(LogState& s) {
 void awaitDrain(LogState& s) {
     constexpr auto patience = 2000ms;
     auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!drainingHere && !s.drainComplete.load() && std::chrono::steady_clock::now() < deadline) {
+    while (!drainingHere && !s.drainComplete.load() &&
+           std::chrono::steady_clock::now() < deadline) {
         wakeReader(s);
         std::this_thread::sleep_for(1ms);
     }
 }
 
-bool writeDirect(uint64_t time, uint32_t thread, int level, const char* function, std::string_view tag,
-                 std::string_view message) {
+bool writeDirect(uint64_t time, uint32_t thread, int level, const char* function,
+                 std::string_view tag, std::string_view message) {
     if (!logConfig().file) return true;
     awaitDrain(state());
     LogFile& file = *logConfig().file;
@@ -270,8 +278,8 @@ struct ShutdownAtExit {
 
 }  // namespace
 
-bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* function, std::string_view tag,
-                    std::string_view message) {
+bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* function,
+                    std::string_view tag, std::string_view message) {
     LogState& s = state();
     for (;;) {
         if (s.shutdown.load()) return writeDirect(time, thread, level, function, tag, message);
@@ -296,7 +304,9 @@ bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* funct
     return false;
 }
 
-bool isShutDown() { return state().shutdown.load(std::memory_order_relaxed); }
+bool isShutDown() {
+    return state().shutdown.load(std::memory_order_relaxed);
+}
 
 }  // namespace devio::xlog
 
@@ -349,8 +359,12 @@ void LogBuffer::setInitialSize(size_t entries, size_t bytes) {
     state().firstBytes.store(bytes);
 }
 
-void LogBuffer::holdReader(bool hold) { state().holdReader.store(hold); }
+void LogBuffer::holdReader(bool hold) {
+    state().holdReader.store(hold);
+}
 
-int64_t LogBuffer::unreadCount() { return state().unread.load(); }
+int64_t LogBuffer::unreadCount() {
+    return state().unread.load();
+}
 
 }  // namespace devio

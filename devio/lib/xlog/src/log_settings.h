@@ -9,10 +9,10 @@
 namespace devio::xlog {
 
 struct LogSettings {
-    int logging = 1;        // non-zero enables the whole facility
-    int logginglevel = 1;   // at or below: passes the tag filter unconditionally
-    int loggingoutput = 6;  // bit 0 standard output, bit 1 debug channel, bit 2 file
-    int logTagLevel = 3;    // highest level for standard output and debug channel
+    int logging = 1;                     // non-zero enables the whole facility
+    int logginglevel = 1;                // at or below: passes the tag filter unconditionally
+    int loggingoutput = 6;               // bit 0 standard output, bit 1 debug channel, bit 2 file
+    int logTagLevel = 3;                 // highest level for standard output and debug channel
     std::optional<std::string> LogTags;  // tag filter tokens, at most 1,024 bytes
 };
 

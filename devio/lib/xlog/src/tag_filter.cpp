@@ -64,7 +64,8 @@ struct SeenCache {
 
     bool contains(std::string_view tag) const {
         for (size_t i = 0; i < slots; ++i)
-            if (lengths[i] == tag.size() && std::memcmp(names[i].data(), tag.data(), tag.size()) == 0)
+            if (lengths[i] == tag.size() &&
+                std::memcmp(names[i].data(), tag.data(), tag.size()) == 0)
                 return true;
         return false;
     }

@@ -23,12 +23,13 @@ void writeConsole(int outputs, int level, const char* function, std::string_view
     message = xlog::dropNameRepeat(message, name);
     if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
     char line[bufferSize];
-    int n = ownTag ? std::snprintf(line, sizeof line, "%s - %.*s -%.*s- %.*s\n", xlog::levelName(level),
-                                   static_cast<int>(name.size()), name.data(), static_cast<int>(tag.size()),
-                                   tag.data(), static_cast<int>(message.size()), message.data())
+    int n = ownTag ? std::snprintf(line, sizeof line, "%s - %.*s -%.*s- %.*s\n",
+                                   xlog::levelName(level), static_cast<int>(name.size()),
+                                   name.data(), static_cast<int>(tag.size()), tag.data(),
+                                   static_cast<int>(message.size()), message.data())
                    : std::snprintf(line, sizeof line, "%s - %.*s %.*s\n", xlog::levelName(level),
-                                   static_cast<int>(name.size()), name.data(), static_cast<int>(message.size()),
-                                   message.data());
+                                   static_cast<int>(name.size()), name.data(),
+                                   static_cast<int>(message.size()), message.data());
     if (n < 0) return;
     size_t length = static_cast<size_t>(n);
     if (length >= sizeof line) {
@@ -52,18 +53,21 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
 
     uint64_t now = xlog::monotonicMicros();
     int outputs = config.loggingoutput.load(std::memory_order_relaxed);
-    bool toConsole = (outputs & 3) != 0 && level <= config.logTagLevel.load(std::memory_order_relaxed);
+    bool toConsole =
+        (outputs & 3) != 0 && level <= config.logTagLevel.load(std::memory_order_relaxed);
     bool toFile = (outputs & 4) != 0 && level <= xlog::LogConfig::fileLevel;
 
     size_t prefixLength = 0;
     std::string_view ownTag = xlog::tagFromFormat(format, prefixLength);
-    std::string_view effectiveTag = !ownTag.empty() ? ownTag : std::string_view(tag != nullptr ? tag : "");
+    std::string_view effectiveTag =
+        !ownTag.empty() ? ownTag : std::string_view(tag != nullptr ? tag : "");
     if (function == nullptr) function = "";
 
     if (toConsole && !effectiveTag.empty() && !xlog::isShutDown()) {
         config.tags.noteSeen(effectiveTag, toFile);
         // Errors and warnings never pay for the tag test.
-        if (level > config.logginglevel.load(std::memory_order_relaxed) && !config.tags.passes(effectiveTag))
+        if (level > config.logginglevel.load(std::memory_order_relaxed) &&
+            !config.tags.passes(effectiveTag))
             toConsole = false;
     }
     if (!toConsole && !toFile) return true;
@@ -79,20 +83,23 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
         buffer[0] = '\0';
         nBuf = 0;
     }
-    size_t length = static_cast<size_t>(nBuf) < sizeof buffer ? static_cast<size_t>(nBuf) : sizeof buffer - 1;
+    size_t length =
+        static_cast<size_t>(nBuf) < sizeof buffer ? static_cast<size_t>(nBuf) : sizeof buffer - 1;
     std::string_view message(buffer, length);
     message.remove_prefix(prefixLength < length ? prefixLength : length);
 
     bool stored = true;
     if (toFile)
-        stored = xlog::logBufferWrite(now, XLogPlatformSpecific::threadId(), level, function, effectiveTag, message);
+        stored = xlog::logBufferWrite(now, XLogPlatformSpecific::threadId(), level, function,
+                                      effectiveTag, message);
     if (toConsole) writeConsole(outputs, level, function, effectiveTag, !ownTag.empty(), message);
     return stored;
 }
 
 bool xAssert(bool condition, const char* expression, const char* file, int line) {
     if (condition) return false;
-    xLog("Untagged", 0, "devio::xAssert", "%s(%d): ASSERT FAILURE! Expression: %s\n", file, line, expression);
+    xLog("Untagged", 0, "devio::xAssert", "%s(%d): ASSERT FAILURE! Expression: %s\n", file, line,
+         expression);
     return true;
 }
 

@@ -30,7 +30,8 @@ LogConfig& logConfig() {
 
 uint64_t monotonicMicros() {
     auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
 void ensureStarted() {
@@ -43,7 +44,9 @@ void ensureStarted() {
     started.store(true, std::memory_order_release);
 }
 
-bool isStarted() { return started.load(std::memory_order_acquire); }
+bool isStarted() {
+    return started.load(std::memory_order_acquire);
+}
 
 }  // namespace devio::xlog
 
@@ -71,8 +74,9 @@ void writeHeader(const std::string& processName, const std::string& exePath, tim
     int tagLevel = config.logTagLevel.load();
     config.logginglevel.store(2);
     config.logTagLevel.store(2);
-    xLog(xlog::startupTag, 2, xlog::startupFunction, "procname=%s namespace=%s logginglevel=%d loggingoutput=%d",
-         processName.c_str(), xlog::nameSpace, level, config.loggingoutput.load());
+    xLog(xlog::startupTag, 2, xlog::startupFunction,
+         "procname=%s namespace=%s logginglevel=%d loggingoutput=%d", processName.c_str(),
+         xlog::nameSpace, level, config.loggingoutput.load());
     config.logginglevel.store(level);
     config.logTagLevel.store(tagLevel);
 
@@ -98,11 +102,13 @@ void xLogStartup() {
     timeval wall{};
     gettimeofday(&wall, nullptr);
     config.startMicros = xlog::monotonicMicros();
-    uint64_t wallMicros = static_cast<uint64_t>(wall.tv_sec) * 1000000 + static_cast<uint64_t>(wall.tv_usec);
+    uint64_t wallMicros =
+        static_cast<uint64_t>(wall.tv_sec) * 1000000 + static_cast<uint64_t>(wall.tv_usec);
     std::string exePath = XLogPlatformSpecific::executablePath();
     std::string processName = XLogPlatformSpecific::processName(exePath);
-    config.file = std::make_unique<xlog::LogFile>(config.startMicros, wallMicros, XLogPlatformSpecific::processId(),
-                                                  processName, xlog::nameSpace);
+    config.file = std::make_unique<xlog::LogFile>(config.startMicros, wallMicros,
+                                                  XLogPlatformSpecific::processId(), processName,
+                                                  xlog::nameSpace);
 
     bool toFile = (settings.loggingoutput & 4) != 0;
     std::string folder;
@@ -114,16 +120,18 @@ void xLogStartup() {
         localtime_r(&now, &local);
         std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local);
         char name[256];
-        std::snprintf(name, sizeof name, "xlog_%s_%u_%s_%s.dblog", stamp, XLogPlatformSpecific::processId(),
-                      processName.c_str(), xlog::nameSpace);
+        std::snprintf(name, sizeof name, "xlog_%s_%u_%s_%s.dblog", stamp,
+                      XLogPlatformSpecific::processId(), processName.c_str(), xlog::nameSpace);
         std::string path = folder + name;
         if (folder.empty() || !config.file->open(path)) {
-            xLog(xlog::startupTag, 0, xlog::startupFunction, "Could not create log file %s", path.c_str());
+            xLog(xlog::startupTag, 0, xlog::startupFunction, "Could not create log file %s",
+                 path.c_str());
             folder.clear();
         }
     }
     writeHeader(processName, exePath, wall.tv_sec);
-    if (!folder.empty()) XLogPlatformSpecific::purgeOldLogFiles(folder, processName, xlog::nameSpace);
+    if (!folder.empty())
+        XLogPlatformSpecific::purgeOldLogFiles(folder, processName, xlog::nameSpace);
 }
 
 }  // namespace devio

@@ -1,0 +1,119 @@
+#include "probe_runner.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace xlogtest {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string readAll(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+int counter = 0;
+
+}  // namespace
+
+long ProbeResult::value(const std::string& key) const {
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind(key + "=", 0) == 0) return std::stol(line.substr(key.size() + 1));
+    return -1;
+}
+
+size_t ProbeResult::countLines(const std::string& containing) const {
+    return static_cast<size_t>(std::count_if(
+        logLines.begin(), logLines.end(),
+        [&](const std::string& line) { return line.find(containing) != std::string::npos; }));
+}
+
+ProbeRunner::ProbeRunner() {
+    dir_ = fs::temp_directory_path() /
+           ("xlog_probe_" + std::to_string(getpid()) + "_" + std::to_string(++counter));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_ / "config" / "vantrel");
+}
+
+ProbeRunner::~ProbeRunner() {
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+}
+
+void ProbeRunner::writeSettings(const std::string& text) {
+    std::ofstream(dir_ / "config" / "vantrel" / "devio.conf") << text;
+}
+
+ProbeResult ProbeRunner::run(const std::vector<std::string>& args,
+                             const std::map<std::string, std::string>& env) {
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry(*e);
+        bool ours = entry.rfind("DEVIO_", 0) == 0 || entry.rfind("TMPDIR=", 0) == 0 ||
+                    entry.rfind("XDG_CONFIG_HOME=", 0) == 0;
+        if (!ours) environment.push_back(entry);
+    }
+    if (env.count("TMPDIR") == 0) environment.push_back("TMPDIR=" + dir_.string());
+    environment.push_back("XDG_CONFIG_HOME=" + (dir_ / "config").string());
+    for (const auto& [name, value] : env) environment.push_back(name + "=" + value);
+
+    std::vector<std::string> argv{XLOG_PROBE};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> argp, envp;
+    for (auto& a : argv) argp.push_back(a.data());
+    argp.push_back(nullptr);
+    for (auto& e : environment) envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    fs::path outPath = dir_ / "stdout.txt";
+    fs::path errPath = dir_ / "stderr.txt";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    pid_t pid = 0;
+    int rc = posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) throw std::runtime_error("cannot start the probe");
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+
+    ProbeResult result;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = readAll(outPath);
+    result.err = readAll(errPath);
+    for (const char* report :
+         {"ThreadSanitizer", "AddressSanitizer", "LeakSanitizer", "runtime error:"})
+        if (result.err.find(report) != std::string::npos)
+            ADD_FAILURE() << "the probe reported:\n" << result.err;
+    if (fs::exists(logFolder())) {
+        for (const auto& entry : fs::directory_iterator(logFolder()))
+            result.logFiles.push_back(entry.path());
+        std::sort(result.logFiles.begin(), result.logFiles.end());
+        for (const auto& file : result.logFiles) {
+            std::ifstream in(file);
+            for (std::string line; std::getline(in, line);) result.logLines.push_back(line);
+        }
+    }
+    return result;
+}
+
+}  // namespace xlogtest

@@ -1,0 +1,361 @@
+// The log facility as a process sees it: each case runs xlog_probe fresh,
+// with its own temp folder and settings, and reads the log file it leaves.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "probe_runner.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using xlogtest::ProbeResult;
+using xlogtest::ProbeRunner;
+
+// A whole file line; the tag column is padded to at least 20 characters.
+const std::regex fileLine(
+    R"(\d+\.\d{6}\t\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\.\d{3}\t\d+\t<\d{5,}>\.devio\.xlogprobe\t[0-4]\t-[^\t]*-\s*\t\S+ .*)");
+
+long reportedOverruns(const ProbeResult& r) {
+    static const std::regex report(
+        R"(xLog overrun detected by reader, lost (\d+) messages around this time)");
+    long total = 0;
+    for (const auto& line : r.logLines) {
+        std::smatch m;
+        if (std::regex_search(line, m, report)) total += std::stol(m[1]);
+    }
+    return total;
+}
+
+size_t indexOf(const ProbeResult& r, const std::string& text) {
+    for (size_t i = 0; i < r.logLines.size(); ++i)
+        if (r.logLines[i].find(text) != std::string::npos) return i;
+    return SIZE_MAX;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+TEST(XLogProcessTest, ManyThreadsEveryMessageOnceInThreadOrderNothingTorn) {
+    constexpr int threads = 8, perThread = 3000;
+    ProbeRunner runner;
+    ProbeResult r = runner.run({"threads", std::to_string(threads), std::to_string(perThread)});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ASSERT_EQ(r.logFiles.size(), 1u);
+
+    // Messages the probe was told were lost must not appear; all others
+    // must, once each, in each thread's order.
+    std::set<std::pair<int, int>> lost;
+    static const std::regex lostLine(R"(lost t=(\d+) i=(\d+))");
+    for (const auto& line : lines(r.out)) {
+        std::smatch m;
+        if (std::regex_match(line, m, lostLine)) lost.insert({std::stoi(m[1]), std::stoi(m[2])});
+    }
+    EXPECT_EQ(static_cast<long>(lost.size()), r.value("lost"));
+    EXPECT_EQ(reportedOverruns(r), static_cast<long>(lost.size()));
+
+    static const std::regex message(
+        R"(.*\tdevio::Probe::run msg t=(\d+) i=(\d+) padding-padding-padding-padding)");
+    std::vector<int> next(threads, 0);
+    size_t malformed = 0, seen = 0;
+    for (const auto& line : r.logLines) {
+        if (!std::regex_match(line, fileLine)) {
+            ++malformed;
+            ADD_FAILURE() << "malformed line: " << line;
+            continue;
+        }
+        std::smatch m;
+        if (line.find("msg t=") == std::string::npos) continue;
+        ASSERT_TRUE(std::regex_match(line, m, message)) << "torn: " << line;
+        int t = std::stoi(m[1]), i = std::stoi(m[2]);
+        ASSERT_LT(t, threads);
+        int& expected = next[static_cast<size_t>(t)];
+        while (lost.count({t, expected}) != 0) ++expected;
+        ASSERT_EQ(i, expected) << "thread " << t << " out of order or repeated";
+        ++expected;
+        ++seen;
+    }
+    EXPECT_EQ(malformed, 0u);
+    EXPECT_EQ(seen + lost.size(), size_t{threads} * perThread);
+}
+
+TEST(XLogProcessTest, RingsGrowWithoutLossAndOldBuffersAreDeleted) {
+    constexpr int steps = 4;
+    ProbeRunner runner;
+    ProbeResult r = runner.run({"growth", "300", std::to_string(steps)});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.value("lost"), 0);
+    long sent = r.value("sent");
+    // The burst is far larger than the first rings.
+    EXPECT_GE(sent, 300 * 20);
+
+    static const std::regex seq(R"(.*devio::Probe::growth seq=(\d+))");
+    long next = 0;
+    for (const auto& line : r.logLines) {
+        std::smatch m;
+        if (!std::regex_match(line, m, seq)) continue;
+        ASSERT_EQ(std::stol(m[1]), next) << "lost or repeated";
+        ++next;
+    }
+    EXPECT_EQ(next, sent);
+    EXPECT_GE(r.countLines("xLog enlarged buffer from 300/30000 to 900/"), 1u);
+    EXPECT_GE(r.countLines("xLog enlarged buffer"), size_t{steps});
+    EXPECT_GE(r.countLines("xLog deleting old log buffer containing 300/30000"), 1u);
+    EXPECT_GE(r.countLines("xLog deleting old log buffer"), size_t{steps - 1});
+    EXPECT_EQ(r.countLines("overrun"), 0u);
+}
+
+TEST(XLogProcessTest, OverrunIsCountedAndReportedWithTheRightCount) {
+    ProbeRunner runner;
+    ProbeResult r = runner.run({"overrun", "100", "500"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    long lost = r.value("lost");
+    ASSERT_GT(lost, 300);
+    EXPECT_EQ(reportedOverruns(r), lost);
+    // The report comes before the first message stored after the loss.
+    size_t report = indexOf(r, "xLog overrun detected");
+    ASSERT_NE(report, SIZE_MAX);
+    EXPECT_LT(report, indexOf(r, "devio::Probe::overrun after"));
+    // It also reached the debug channel, being an error.
+    EXPECT_NE(
+        r.err.find(
+            "ERROR - devio::LogBuffer::report_overruns xLog overrun detected by reader, lost"),
+        std::string::npos);
+    // The messages that were stored are all there.
+    EXPECT_EQ(static_cast<long>(r.countLines("devio::Probe::overrun seq=")), 500 - lost);
+}
+
+std::string probeLines(const std::string& text) {
+    std::string kept;
+    for (const auto& line : lines(text))
+        if (line.find("devio::Probe") != std::string::npos ||
+            line.find("xAssert") != std::string::npos)
+            kept += line + "\n";
+    return kept;
+}
+
+std::string withoutHeader(const std::string& text) {
+    std::string kept;
+    for (const auto& line : lines(text)) {
+        bool header = line.rfind("INFO - devio::xLogStartup ", 0) == 0 &&
+                      line.find("procname=") == std::string::npos;
+        if (!header) kept += line + "\n";
+    }
+    return kept;
+}
+
+TEST(XLogProcessTest, ConsoleLinesFollowLevelsTagsAndOutputs) {
+    auto startupLine = [](int level, int output) {
+        return "INFO - devio::xLogStartup procname=xlogprobe namespace=devio logginglevel=" +
+               std::to_string(level) + " loggingoutput=" + std::to_string(output);
+    };
+    const std::string bigLine = "INFO - devio::Probe::formats " + std::string(1024 - 30 - 1, 'x');
+    const std::string exitLine = "INFO - devio::LogBuffer::logthreadproc log thread exiting";
+    const std::vector<std::string> errorsOnly = {
+        "ERROR - devio::Probe::formats repeated name",
+        "WARNING - devio::Probe::formats -hid- tagged warning",
+        "ERROR - devio::xAssert probe.cpp(42): ASSERT FAILURE! Expression: 1 + 1 == 3",
+    };
+    struct Case {
+        std::string name;
+        std::string settingsFile;
+        std::map<std::string, std::string> env;
+        std::vector<std::string> err, out;
+    };
+    std::vector<Case> cases = {
+        {"defaults", "", {}, {}, {}},
+        {"plus hid clears exclude-all", "LogTags = +hid\n", {}, {}, {}},
+        {"only hid above logginglevel", "LogTags = +bt\n", {{"DEVIO_LOGTAGS", "-* +hid"}}, {}, {}},
+        {"levels up to logginglevel skip the filter", "", {{"DEVIO_LOGGINGLEVEL", "3"}}, {}, {}},
+        {"standard output only, verbose",
+         "loggingoutput = 1\nlogTagLevel = 4\nLogTags = -hid\n",
+         {},
+         {},
+         {}},
+    };
+    cases[0].err = {startupLine(1, 6), errorsOnly[0], errorsOnly[1], errorsOnly[2], exitLine};
+    cases[1].err = {startupLine(1, 6),
+                    bigLine,
+                    "INFO - devio::Probe::formats first\nsecond\nthird",
+                    errorsOnly[0],
+                    errorsOnly[1],
+                    "INFO - devio::Probe::formats -hid- tagged info",
+                    "INFO - devio::Probe::formats -bt- other info",
+                    "DEBUG - devio::Probe::formats untagged debug",
+                    errorsOnly[2],
+                    exitLine};
+    cases[2].err = {startupLine(1, 6), errorsOnly[0],
+                    errorsOnly[1],     "INFO - devio::Probe::formats -hid- tagged info",
+                    errorsOnly[2],     exitLine};
+    cases[3].err = {startupLine(3, 6),
+                    bigLine,
+                    "INFO - devio::Probe::formats first\nsecond\nthird",
+                    errorsOnly[0],
+                    errorsOnly[1],
+                    "INFO - devio::Probe::formats -hid- tagged info",
+                    "INFO - devio::Probe::formats -bt- other info",
+                    "DEBUG - devio::Probe::formats untagged debug",
+                    errorsOnly[2],
+                    exitLine};
+    // "-hid" holds back hid above logginglevel only; logTagLevel 4 lets
+    // VERBOSE through.
+    cases[4].out = {bigLine,
+                    "INFO - devio::Probe::formats first\nsecond\nthird",
+                    errorsOnly[0],
+                    errorsOnly[1],
+                    "INFO - devio::Probe::formats -bt- other info",
+                    "DEBUG - devio::Probe::formats untagged debug",
+                    "VERBOSE - devio::Probe::formats verbose",
+                    errorsOnly[2]};
+
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ProbeRunner runner;
+        runner.writeSettings(c.settingsFile);
+        ProbeResult r = runner.run({"formats"}, c.env);
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        std::string expectedErr, expectedOut;
+        for (const auto& line : c.err) expectedErr += line + "\n";
+        for (const auto& line : c.out) expectedOut += line + "\n";
+        if (c.name == "standard output only, verbose") {
+            // The header lines pass too; compare the probe's own lines.
+            EXPECT_EQ(probeLines(r.out), probeLines(expectedOut));
+            EXPECT_NE(r.out.find(startupLine(1, 1)), std::string::npos);
+            EXPECT_EQ(r.err, "");
+            EXPECT_TRUE(r.logFiles.empty()) << "file output is off";
+            continue;
+        }
+        if (c.name == "defaults") {
+            EXPECT_EQ(r.err, expectedErr);
+        }
+        // The other header lines (INFO, tag xLog) show wherever the filter
+        // lets them through; the procname line always does.
+        EXPECT_EQ(withoutHeader(r.err), expectedErr);
+        EXPECT_EQ(r.out, "");
+        ASSERT_EQ(r.logFiles.size(), 1u);
+        // The file gets every level up to 4 whatever the console filter.
+        for (int level = 0; level <= 4; ++level) {
+            bool found = false;
+            for (const auto& line : r.logLines)
+                found |= line.find("\t" + std::to_string(level) + "\t-") != std::string::npos &&
+                         line.find("devio::Probe::formats") != std::string::npos;
+            EXPECT_TRUE(found) << "level " << level;
+        }
+        EXPECT_EQ(r.countLines("\t-hid-               \tdevio::Probe::formats tagged info"), 1u);
+        EXPECT_EQ(r.countLines("devio::Probe::formats xxxx"), 1u);
+        EXPECT_EQ(r.countLines("xxx..."), 1u);
+        EXPECT_EQ(r.countLines("\tdevio::Probe::formats first"), 1u);
+        EXPECT_EQ(r.countLines("\tdevio::Probe::formats second"), 1u);
+        EXPECT_EQ(r.countLines("\tdevio::Probe::formats third"), 1u);
+    }
+}
+
+TEST(XLogProcessTest, LoggingOffMeansNoFileAndNoThread) {
+    std::vector<std::pair<std::string, std::map<std::string, std::string>>> ways = {
+        {"logging = 0\n", {}},
+        {"logging = 1\n", {{"DEVIO_LOGGING", "0"}}},
+    };
+    for (const auto& [file, env] : ways) {
+        ProbeRunner runner;
+        runner.writeSettings(file);
+        ProbeResult r = runner.run({"disabled"}, env);
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_EQ(r.value("result"), 1);
+        EXPECT_EQ(r.value("logThreads"), 0);
+        EXPECT_FALSE(fs::exists(runner.logFolder()));
+        EXPECT_EQ(r.err, "");
+    }
+}
+
+TEST(XLogProcessTest, ShutdownWritesStraightToTheFile) {
+    ProbeRunner runner;
+    ProbeResult r = runner.run({"shutdown"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.value("logThreadsBefore"), 1);
+    EXPECT_EQ(r.value("logThreadsAfter"), 0);
+    // The process left without any exit handling; the line is there anyway.
+    size_t after = indexOf(r, "devio::Probe::shutdown after");
+    ASSERT_NE(after, SIZE_MAX);
+    EXPECT_LT(indexOf(r, "devio::Probe::shutdown before"), indexOf(r, "_shutdown set to true"));
+    EXPECT_LT(indexOf(r, "log thread exiting"),
+              indexOf(r, "logging is now direct to file, all tags enabled"));
+    EXPECT_LT(indexOf(r, "logging is now direct to file"), after);
+    for (const auto& line : r.logLines) EXPECT_TRUE(std::regex_match(line, fileLine)) << line;
+}
+
+void touch(const fs::path& path, std::chrono::hours age) {
+    std::ofstream(path) << "old\n";
+    fs::last_write_time(path, fs::file_time_type::clock::now() - age);
+}
+
+TEST(XLogProcessTest, PurgeCountsAgeFromTheNewestFileOfThisProgramOnly) {
+    using std::chrono::hours;
+    const hours day(24);
+    ProbeRunner runner;
+    fs::path folder = runner.logFolder();
+    fs::create_directories(folder);
+    // At startup the fresh file is the newest. Ages are half a day off the
+    // whole day, since the file system stamps the fresh file with a coarser
+    // clock than the one used here.
+    struct Old {
+        std::string name;
+        hours age;
+        bool survives;
+    } files[] = {
+        {"xlog_20200101_000000_1_xlogprobe_devio.dblog", 3 * day + hours(12), true},
+        {"xlog_20200101_000000_2_xlogprobe_devio.dblog", 8 * day + hours(12), false},
+        {"xlog_20200101_000000_3_xlogprobe_devio.dblog", 200 * day + hours(12), false},
+        {"xlog_20200101_000000_4_otherprog_devio.dblog", 300 * day, true},
+        {"xlog_20200101_000000_5_xlogprobe_other.dblog", 300 * day, true},
+        {"notes_xlogprobe_devio.dblog", 300 * day, true},
+    };
+    for (const Old& f : files) touch(folder / f.name, f.age);
+    ProbeResult r = runner.run({"log"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    for (const Old& f : files) EXPECT_EQ(fs::exists(folder / f.name), f.survives) << f.name;
+    EXPECT_EQ(r.countLines("Purging 8 day old log file"), 1u);
+    EXPECT_EQ(r.countLines("Purging 200 day old log file"), 1u);
+    EXPECT_EQ(r.countLines("Keeping 3 day old log file"), 1u);
+    EXPECT_EQ(r.countLines("Keeping 0 day old log file"), 1u);
+
+    // A folder whose newest file is itself months old: age still counts from
+    // it, not from today.
+    fs::path old = runner.dir() / "old";
+    fs::create_directories(old);
+    touch(old / "xlog_a_oldprog_devio.dblog", 100 * day);
+    touch(old / "xlog_b_oldprog_devio.dblog", 106 * day);
+    touch(old / "xlog_c_oldprog_devio.dblog", 107 * day + hours(1));
+    ProbeResult purge = runner.run({"purge", old.string() + "/", "oldprog"});
+    ASSERT_EQ(purge.exitCode, 0) << purge.err;
+    EXPECT_TRUE(fs::exists(old / "xlog_a_oldprog_devio.dblog"));
+    EXPECT_TRUE(fs::exists(old / "xlog_b_oldprog_devio.dblog"));
+    EXPECT_FALSE(fs::exists(old / "xlog_c_oldprog_devio.dblog"));
+}
+
+TEST(XLogProcessTest, NoUsableFolderStillLogsToTheConsole) {
+    ProbeRunner runner;
+    std::string longTemp = "/" + std::string(300, 'd');
+    ProbeResult r = runner.run({"log"}, {{"TMPDIR", longTemp}, {"DEVIO_LOGTAGS", "+Probe"}});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(
+        r.err.find(
+            "ERROR - devio::XLogPlatformSpecific::logFolder Could not get path for log files"),
+        std::string::npos);
+    EXPECT_NE(r.err.find("ERROR - devio::xLogStartup Could not create log file"),
+              std::string::npos);
+    EXPECT_NE(r.err.find("INFO - devio::Probe::log hello"), std::string::npos);
+    EXPECT_FALSE(fs::exists(runner.logFolder()));
+}
+
+}  // namespace
