@@ -26,7 +26,9 @@ constinit CDevioExitGuard exit_guard;
 
 constinit CDevio& cdevio = exit_guard.facade;
 
-CDevio::~CDevio() { exit_sequence(); }
+CDevio::~CDevio() {
+    exit_sequence();
+}
 
 void CDevio::exit_sequence() {
     if (destroyed.load()) return;
@@ -51,7 +53,8 @@ std::shared_ptr<DeviceManager> CDevio::getimpl() {
     if (destroyed.load()) return nullptr;
     std::lock_guard<std::mutex> lock(impl_mutex);
     if (shutdown_requested) {
-        xLog("Devio", 2, "devio::CDevio::getimpl", "CDevio::getimpl retuning nullptr due to shutdown");
+        xLog("Devio", 2, "devio::CDevio::getimpl",
+             "CDevio::getimpl retuning nullptr due to shutdown");
         set_error(ShuttingDown);
         return nullptr;
     }
@@ -86,8 +89,8 @@ std::shared_ptr<DeviceManager> CDevio::impl_for_fabric(const char* function, con
 }
 
 void CDevio::report_unreported_error(const char* where) {
-    auto manager = impl_for_fabric("devio::CDevio::report_unreported_error",
-                                   "report_unreported_error", true);
+    auto manager =
+        impl_for_fabric("devio::CDevio::report_unreported_error", "report_unreported_error", true);
     if (manager) manager->report_unreported_error(where);
 }
 
@@ -101,8 +104,8 @@ void CDevio::enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber,
 }
 
 void CDevio::call_event_from_runloop() {
-    auto manager = impl_for_fabric("devio::CDevio::call_event_from_runloop",
-                                   "call_event_from_runloop", false);
+    auto manager =
+        impl_for_fabric("devio::CDevio::call_event_from_runloop", "call_event_from_runloop", false);
     if (manager) manager->call_event_from_runloop();
 }
 

@@ -11,6 +11,8 @@ DevioException::DevioException(const std::string& text, ErrorCode err_, const ch
                                std::uint32_t sys_)
     : std::runtime_error(text), err(err_), sys(sys_), str(str_) {}
 
-void DevioException::record() const { set_error(static_cast<ErrorCode>(err), str, sys); }
+void DevioException::record() const {
+    set_error(static_cast<ErrorCode>(err), str, sys);
+}
 
 }  // namespace devio

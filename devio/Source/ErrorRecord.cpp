@@ -6,7 +6,9 @@ namespace {
 thread_local ErrorRecord record;
 }  // namespace
 
-ErrorRecord& error_record() { return record; }
+ErrorRecord& error_record() {
+    return record;
+}
 
 void set_error(ErrorCode err, const char* str, std::uint32_t sys) {
     record.err = err;

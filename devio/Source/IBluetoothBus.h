@@ -39,8 +39,7 @@ public:
 
 namespace event_names {
 inline constexpr IBluetoothBus::RadioArrivalRemovalExternal::Names RadioArrivalRemoval{
-    "RadioArrivalRemovalInternal::onRadioArrival",
-    "RadioArrivalRemovalInternal::onRadioRemoval"};
+    "RadioArrivalRemovalInternal::onRadioArrival", "RadioArrivalRemovalInternal::onRadioRemoval"};
 }  // namespace event_names
 
 }  // namespace devio

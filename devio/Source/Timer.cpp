@@ -15,7 +15,9 @@ thread_local const Timer* own_timer = nullptr;
 
 Timer::Timer(int id_) : id(id_) {}
 
-Timer::~Timer() { stop(); }
+Timer::~Timer() {
+    stop();
+}
 
 bool Timer::on_own_thread(const char* call) const {
     if (own_timer != this) return false;

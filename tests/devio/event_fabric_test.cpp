@@ -223,8 +223,8 @@ TEST(EventFabric, UnsubscribeWaitsForARunningRunLoopDelivery) {
     bus->power(0);  // still queued when the subscriber leaves
     {
         std::unique_lock<std::mutex> lock(blocker.mutex);
-        ASSERT_TRUE(blocker.entered.wait_for(lock, milliseconds(5000),
-                                             [&] { return blocker.calls == 1; }));
+        ASSERT_TRUE(
+            blocker.entered.wait_for(lock, milliseconds(5000), [&] { return blocker.calls == 1; }));
     }
     std::atomic<bool> left{false};
     std::thread leaver([&] {

@@ -1,3 +1,5 @@
+#include "Timer.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +10,6 @@
 
 #include "RunLoopHost.h"
 #include "TestSupport.h"
-#include "Timer.h"
 
 namespace devio::test {
 namespace {

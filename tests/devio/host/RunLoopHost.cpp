@@ -4,7 +4,9 @@
 
 namespace devio {
 
-RunLoopHost::~RunLoopHost() { stop(); }
+RunLoopHost::~RunLoopHost() {
+    stop();
+}
 
 bool RunLoopHost::start() {
     if (started) return true;
