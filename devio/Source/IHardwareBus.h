@@ -1,10 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace devio {
 
 class IHardwareDevice;
+class IBluetoothBus;
+class IHardwareSecondaryBus;
 
 // A bus finds hardware devices and announces their arrival and removal.
 // Every concrete bus produces PlugUnplug; filter buses also receive it from
@@ -28,6 +32,30 @@ public:
     };
 
     virtual ~IHardwareBus() = default;
+
+    // Starts the bus if need be and returns every device present now. An
+    // empty list with no failure leaves err = 0 in the thread's record; a
+    // failure leaves its reason there.
+    virtual std::vector<std::shared_ptr<IHardwareDevice>> devices() = 0;
+    // Kept for its slot; nothing overrides or calls it.
+    virtual int reserved() { return 0; }
+    // The monitors that watch pairing.
+    virtual std::vector<std::shared_ptr<IBluetoothBus>> bluetooth_busses() { return {}; }
+    // Where the bus may keep files.
+    virtual void persistent_data_directory(const std::string& /*directory*/) {}
+    // True only for a bus whose devices may come in pieces.
+    virtual bool needs_combiner() { return false; }
+    virtual std::vector<std::shared_ptr<IHardwareSecondaryBus>> secondary_busses() { return {}; }
+    // Re-examines what the bus believes about pairing.
+    virtual void refresh() {}
+};
+
+// A bus inside a primary bus that also receives the primary bus's
+// device-change notifications.
+class IHardwareSecondaryBus : public IHardwareBus {
+public:
+    // `header` is the platform's record of the change, or null.
+    virtual void process_wm_devicechange(unsigned /*event*/, const void* /*header*/) {}
 };
 
 // Each bus class produces the event under its own name.

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Byte.h"
 #include "ErrorCode.h"
 
 namespace devio {
+
+class IHardwareBus;
 
 // One hardware device: it opens, writes, delivers reads and tells when it is
 // gone. Every concrete device produces Read, Write and Connect; wrapper
@@ -58,6 +61,42 @@ public:
     };
 
     virtual ~IHardwareDevice() = default;
+
+    // True when data can flow now.
+    virtual bool connected() = 0;
+    // Idempotent: when already open, verifies and returns true. On false the
+    // thread's error record says why.
+    virtual bool open() = 0;
+    // Releases what open took; may run on the device's own read thread.
+    virtual void close() = 0;
+    // Sends one report, opening the device if need be; the outcome is also
+    // produced as onWrite. `blocking` means the caller waits for an answer
+    // that only a running read path can deliver.
+    virtual bool write(std::vector<Byte> report, bool blocking) = 0;
+    // The owning bus, or null when it is gone.
+    virtual std::shared_ptr<IHardwareBus> bus() = 0;
+    // The identity of the device, lower case: objects are matched by it.
+    virtual std::string path() = 0;
+    virtual int pid() = 0;
+    virtual std::string name() = 0;
+    virtual int secondary_id() { return 0; }
+    virtual int bustype() { return 0; }
+    virtual int busport() { return 0; }
+    virtual void before_command() {}
+    virtual int default_timeout() { return 3000; }
+    virtual int response_token() { return 0; }
+    virtual void response_seen(int /*token*/) {}
+    virtual int hw_value() { return 0; }
+    // False when a command timed out because the device is gone.
+    virtual bool verify_connection_following_timeout() { return true; }
+    // Pieces of one device give the same key; a whole device gives its path.
+    virtual std::string combine_key() { return path(); }
+    // The collection bits this device serves, and those the whole device
+    // needs: 2 and 2 for a single long collection.
+    virtual int collection_id() { return 2; }
+    virtual int collections_expected() { return 2; }
+    // The largest report the device takes, in bytes.
+    virtual int max_report_size() { return 20; }
 };
 
 // Each device class produces Read and Write under its own name.
