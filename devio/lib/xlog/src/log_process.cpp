@@ -42,6 +42,7 @@ struct LogState {
     std::atomic<bool> shutdown{false};
     std::atomic<LogBuffer*> current{nullptr};
     std::deque<std::shared_ptr<LogBuffer>> buffers;  // oldest first; the current one last
+    unsigned outputsSinceGrowCheck = 0;              // the log thread's own
 
     std::mutex threadMutex;
     std::thread thread;
@@ -148,7 +149,10 @@ void growIfNeeded(LogState& s) {
 // Writes one record, oldest buffer first; returns whether it did something
 // (or should be called again at once).
 bool outputFromOldestBuffer(LogState& s) {
-    growIfNeeded(s);
+    // Measuring the rings takes both spin flags; once every few records is
+    // soon enough, a third of the rings being thousands of records.
+    constexpr unsigned growCheckInterval = 64;
+    if (s.outputsSinceGrowCheck++ % growCheckInterval == 0) growIfNeeded(s);
     while (s.buffers.size() > 1) {
         LogBuffer& oldest = *s.buffers.front();
         if (outputOne(s, oldest) != LogBuffer::ReadResult::empty) return true;
@@ -207,10 +211,14 @@ void logThreadProc() {
             lock.unlock();
             std::this_thread::sleep_for(2ms);
             lock.lock();
+            s.outputsSinceGrowCheck = 0;
             continue;
         }
         if (outputFromOldestBuffer(s)) continue;
         waitForWork(s, lock);
+        // Writers may have filled much of the rings while this thread was
+        // away: look first.
+        s.outputsSinceGrowCheck = 0;
     }
     s.drainComplete.store(true);
     lock.unlock();
