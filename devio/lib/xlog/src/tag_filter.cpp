@@ -38,8 +38,8 @@ void TagFilter::configure(std::string_view tokens) {
 }
 
 bool TagFilter::passes(std::string_view tag) const {
-    if (minusTags_.find(tag) != minusTags_.end()) return false;
-    if (excludeAll_ && plusTags_.find(tag) == plusTags_.end()) return false;
+    if (!minusTags_.empty() && minusTags_.find(tag) != minusTags_.end()) return false;
+    if (excludeAll_ && (plusTags_.empty() || plusTags_.find(tag) == plusTags_.end())) return false;
     return true;
 }
 
