@@ -254,8 +254,13 @@ bool installFirstBuffer(LogState& s) {
 void awaitDrain(LogState& s) {
     constexpr auto patience = 2000ms;
     auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!drainingHere && !s.drainComplete.load() &&
-           std::chrono::steady_clock::now() < deadline) {
+    while (!drainingHere && !s.drainComplete.load()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            // The log thread is stuck (a hung file system, say): order in
+            // the file is lost anyway, so nobody waits for it again.
+            s.drainComplete.store(true);
+            return;
+        }
         wakeReader(s);
         std::this_thread::sleep_for(1ms);
     }
