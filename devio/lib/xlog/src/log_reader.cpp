@@ -29,7 +29,7 @@ public:
 LogBuffer::ReadResult outputOne(LogState& s, LogBuffer& buffer) {
     FileSink sink;
     LogBuffer::ReadResult result = buffer.readOne(sink);
-    if (result == LogBuffer::ReadResult::output) s.unread.fetch_sub(1);
+    if (result == LogBuffer::ReadResult::output) ++s.outputsNotCounted;
     // A writer is between taking its slot and finishing it; let it run.
     if (result == LogBuffer::ReadResult::pending) std::this_thread::yield();
     return result;
@@ -83,6 +83,7 @@ bool anyWriters(const LogState& s) {
 void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
     s.readerWaiting.store(true, std::memory_order_seq_cst);
     bool claimed = false;
+    countOutputs(s);
     if (s.unread.load(std::memory_order_seq_cst) == 0 && !s.shutdown.load()) {
         lock.unlock();
         claimed = s.wakeUp.try_acquire_for(idleFlushInterval);
@@ -106,7 +107,10 @@ bool outputFromOldestBuffer(LogState& s) {
     // Measuring the rings takes both spin flags; once every few records is
     // soon enough, a third of the rings being thousands of records.
     constexpr unsigned growCheckInterval = 64;
-    if (s.outputsSinceGrowCheck++ % growCheckInterval == 0) growIfNeeded(s);
+    if (s.outputsSinceGrowCheck++ % growCheckInterval == 0) {
+        countOutputs(s);
+        growIfNeeded(s);
+    }
     while (s.buffers.size() > 1) {
         LogBuffer& oldest = *s.buffers.front();
         if (outputOne(s, oldest) != LogBuffer::ReadResult::empty) return true;
@@ -125,8 +129,17 @@ bool outputFromOldestBuffer(LogState& s) {
     return outputOne(s, *s.buffers.back()) != LogBuffer::ReadResult::empty;
 }
 
-bool drained(const LogState& s) {
+bool drained(LogState& s) {
+    countOutputs(s);
     return s.unread.load() == 0 && !anyWriters(s);
+}
+
+// Takes the records written since the last call off `unread`: once per
+// record would pull its cache line away from the writers every time.
+void countOutputs(LogState& s) {
+    if (s.outputsNotCounted == 0) return;
+    s.unread.fetch_sub(s.outputsNotCounted);
+    s.outputsNotCounted = 0;
 }
 
 void logThreadProc() {

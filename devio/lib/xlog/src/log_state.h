@@ -30,20 +30,28 @@ namespace devio::xlog {
 
 inline constexpr const char* bufferTag = "LogBuffer";
 
+// Words that the log thread writes often live on cache lines of their own,
+// away from those that every writer reads on every call.
 struct LogState {
-    std::atomic<int64_t> unread{0};
-    std::atomic<int64_t> lost{0};
+    // Read by every writer.
     std::atomic<bool> shutdown{false};
     std::atomic<LogBuffer*> current{nullptr};
-    std::deque<std::shared_ptr<LogBuffer>> buffers;  // oldest first; the current one last
-    unsigned outputsSinceGrowCheck = 0;              // the log thread's own
+
+    // Counted up by writers; counted down by the log thread in batches.
+    alignas(64) std::atomic<int64_t> unread{0};
+    alignas(64) std::atomic<int64_t> lost{0};
+
+    // The log thread's own.
+    alignas(64) std::deque<std::shared_ptr<LogBuffer>> buffers;  // oldest first; current last
+    unsigned outputsSinceGrowCheck = 0;
+    int64_t outputsNotCounted = 0;  // written, not yet taken off `unread`
 
     std::mutex threadMutex;
     std::thread thread;
     // The reader announces that it is about to sleep; the one writer that
     // claims the announcement releases the semaphore. A writer's wake-up
     // thus needs no lock and is never lost.
-    std::atomic<bool> readerWaiting{false};
+    alignas(64) std::atomic<bool> readerWaiting{false};
     std::binary_semaphore wakeUp{0};
 
     // Set once everything buffered before shutdown is in the file. Until
@@ -70,7 +78,8 @@ void wakeReader(LogState& s);
 
 // The log thread's steps, also used by shutdown when there is no log thread.
 bool outputFromOldestBuffer(LogState& s);
-bool drained(const LogState& s);
+void countOutputs(LogState& s);
+bool drained(LogState& s);
 void logThreadProc();
 
 }  // namespace devio::xlog
