@@ -1,6 +1,7 @@
 #include "log_process.h"
 
 #include <chrono>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -107,6 +108,25 @@ bool writeDirect(uint64_t time, uint32_t thread, int level, const char* function
     return true;
 }
 
+}  // namespace
+
+// The child of a fork has no log thread, and the locks it inherits may be
+// held by threads it does not have: it writes straight to the file, and
+// never waits for, or joins, the parent's log thread.
+void resetAfterFork() {
+    LogState& s = state();
+    s.shutdown.store(true);
+    s.drainComplete.store(true);
+    new (&s.threadMutex) std::mutex;
+    // The handle names a thread of the parent; it must be neither joined
+    // nor destroyed here, only forgotten.
+    new (&s.thread) std::thread;
+    logConfig().tags.resetAfterFork();
+    if (logConfig().file) logConfig().file->resetAfterFork(XLogPlatformSpecific::processId());
+}
+
+namespace {
+
 // Logging stops buffering when the process ends, after every other static
 // object that might still log has had its chance.
 struct ShutdownAtExit {
@@ -187,7 +207,7 @@ void LogBuffer::shutdown() {
     }
     xlog::reportOverruns();
     xLog(xlog::bufferTag, 4, function, "freeing tag info");
-    xlog::logConfig().tags.releaseSeen();
+    xlog::logConfig().tags.release();
     xLog(xlog::bufferTag, 4, function, "logging is now direct to file, all tags enabled");
     if (xlog::logConfig().file) xlog::logConfig().file->flush();
     std::fflush(stdout);

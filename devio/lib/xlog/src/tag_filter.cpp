@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <new>
 
 namespace devio::xlog {
 
@@ -85,7 +86,7 @@ void TagFilter::noteSeen(std::string_view tag, bool toFile) {
     if (tag.empty() || seenCache.contains(tag)) return;
     try {
         std::lock_guard lock(seenMutex_);
-        if (seenReleased_) return;
+        if (released_.load(std::memory_order_relaxed)) return;
         if (seenTags_.find(tag) == seenTags_.end()) seenTags_.emplace(std::string(tag), toFile);
         seenCache.add(tag);
     } catch (...) {
@@ -93,10 +94,14 @@ void TagFilter::noteSeen(std::string_view tag, bool toFile) {
     }
 }
 
-void TagFilter::releaseSeen() {
+void TagFilter::release() {
     std::lock_guard lock(seenMutex_);
-    seenReleased_ = true;
+    released_.store(true);
     std::map<std::string, bool, std::less<>>().swap(seenTags_);
+}
+
+void TagFilter::resetAfterFork() {
+    new (&seenMutex_) std::mutex;
 }
 
 }  // namespace devio::xlog

@@ -62,7 +62,7 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
         !ownTag.empty() ? ownTag : std::string_view(tag != nullptr ? tag : "");
     if (function == nullptr) function = "";
 
-    if (toConsole && !effectiveTag.empty() && !xlog::isShutDown()) {
+    if (toConsole && !effectiveTag.empty() && !config.tags.released()) {
         config.tags.noteSeen(effectiveTag, toFile);
         // Errors and warnings never pay for the tag test.
         if (level > config.logginglevel.load(std::memory_order_relaxed) &&
