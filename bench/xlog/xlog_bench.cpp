@@ -8,7 +8,8 @@
 // thread logs a burst of 1,000,000 messages back to back, and the log file is
 // checked for every one of them.
 //
-// Run: build/bench/xlog/xlog_bench [bursts]   (default 5000 bursts a thread)
+// Run: build/bench/xlog/xlog_bench [bursts]   (default 3000 bursts a thread
+// and round)
 
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
@@ -115,7 +116,7 @@ size_t countLines(const fs::path& folder, const std::string& containing) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int bursts = argc > 1 ? std::atoi(argv[1]) : 5000;
+    int bursts = argc > 1 ? std::atoi(argv[1]) : 3000;
     fs::path dir = fs::temp_directory_path() / ("xlog_bench_" + std::to_string(getpid()));
     fs::create_directories(dir);
     // The log facility's file goes to our own folder, with default settings
@@ -155,8 +156,11 @@ int main(int argc, char** argv) {
     std::printf("timer overhead %.1f ns a call (subtracted); %d bursts of %d calls a thread\n\n",
                 overhead * nsPerTick, bursts, burstLength);
 
-    std::printf("%-14s %7s %9s %9s %9s %11s\n", "logger", "threads", "p50 ns", "p99 ns", "p99.9 ns",
-                "max ns");
+    // The machine may be shared: each logger is measured in several rounds,
+    // the loggers taking turns, and the round with the lowest median counts.
+    constexpr int rounds = 3;
+    std::printf("%-14s %7s %9s %9s %9s %11s   (best of %d rounds)\n", "logger", "threads", "p50 ns",
+                "p99 ns", "p99.9 ns", "max ns", rounds);
     for (int threads : {1, 2}) {
         struct Row {
             const char* name;
@@ -164,12 +168,17 @@ int main(int argc, char** argv) {
             Stats stats;
         } rows[] = {
             {"vsnprintf", bareCall, {}}, {"xLog", xlogCall, {}}, {"spdlog async", spdlogCall, {}}};
-        for (Row& row : rows) {
-            std::vector<uint64_t> samples = measure(threads, bursts, row.call);
-            row.stats = percentiles(samples, nsPerTick, overhead);
+        for (Row& row : rows) row.stats.p50 = 1e300;
+        for (int round = 0; round < rounds; ++round) {
+            for (Row& row : rows) {
+                std::vector<uint64_t> samples = measure(threads, bursts, row.call);
+                Stats stats = percentiles(samples, nsPerTick, overhead);
+                if (stats.p50 < row.stats.p50) row.stats = stats;
+            }
+        }
+        for (const Row& row : rows)
             std::printf("%-14s %7d %9.0f %9.0f %9.0f %11.0f\n", row.name, threads, row.stats.p50,
                         row.stats.p99, row.stats.p999, row.stats.max);
-        }
         const Stats& bare = rows[0].stats;
         const Stats& x = rows[1].stats;
         const Stats& s = rows[2].stats;

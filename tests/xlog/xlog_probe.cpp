@@ -4,9 +4,12 @@
 // file are printed on standard output as "key=value" lines.
 
 #include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -141,6 +144,30 @@ int shutdown() {
     std::_Exit(0);
 }
 
+// A child of a fork logs and exits normally: it must neither hang on the
+// parent's log thread nor lose its line.
+int forked() {
+    xLog("Probe", 2, "devio::Probe::forked", "parent before");
+    pid_t child = fork();
+    if (child == 0) {
+        xLog("Probe", 2, "devio::Probe::forked", "child says hi");
+        std::exit(0);
+    }
+    int status = 0;
+    bool finished = false;
+    for (int i = 0; i < 4000 && !finished; ++i) {
+        finished = waitpid(child, &status, WNOHANG) == child;
+        if (!finished) std::this_thread::sleep_for(5ms);
+    }
+    if (!finished) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    std::printf("childFinished=%d\nchildPid=%d\n", finished ? 1 : 0, static_cast<int>(child));
+    xLog("Probe", 2, "devio::Probe::forked", "parent after");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -155,6 +182,7 @@ int main(int argc, char** argv) {
     if (scenario == "formats") return formats();
     if (scenario == "disabled") return disabled();
     if (scenario == "shutdown") return shutdown();
+    if (scenario == "fork") return forked();
     if (scenario == "purge" && argc > 3) {
         devio::XLogPlatformSpecific::purgeOldLogFiles(argv[2], argv[3], "devio");
         return 0;

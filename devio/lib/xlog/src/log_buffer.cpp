@@ -47,14 +47,6 @@ void LogBuffer::GuardedPosition::store(const Position& next) {
     releaseFlag(flag);
 }
 
-bool LogBuffer::GuardedPosition::replace(const Position& expected, const Position& next) {
-    takeFlag(flag);
-    bool same = position == expected;
-    if (same) position = next;
-    releaseFlag(flag);
-    return same;
-}
-
 LogBuffer::LogBuffer(size_t entries, size_t bytes)
     : entryCount_(entries < entryReserve + 1 ? entryReserve + 1 : entries),
       byteCount_(bytes < byteReserve + 8 ? byteReserve + 8 : bytes),
@@ -66,32 +58,56 @@ LogBuffer::LogBuffer(size_t entries, size_t bytes)
 
 LogBuffer::~LogBuffer() = default;
 
+LogBuffer::Position LogBuffer::loadWrite() const {
+    takeFlag(write_.flag);
+    Position copy = write_.position;
+    releaseFlag(write_.flag);
+    return copy;
+}
+
 size_t LogBuffer::usedEntries() const {
     Position r = readPosition_.load();
-    Position w = writePosition_.load();
+    Position w = loadWrite();
     return static_cast<size_t>((w.entry + entryCount_ - r.entry) % entryCount_);
 }
 
 size_t LogBuffer::usedBytes() const {
     Position r = readPosition_.load();
-    Position w = writePosition_.load();
+    Position w = loadWrite();
     return static_cast<size_t>((w.byte + byteCount_ - r.byte) % byteCount_);
+}
+
+bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
+    skip = byteCount_ - w.byte < size ? byteCount_ - w.byte : 0;
+    uint64_t usedBytes = (w.byte + byteCount_ - r.byte) % byteCount_;
+    uint64_t usedEntries = (w.entry + entryCount_ - r.entry) % entryCount_;
+    return usedBytes + skip + size + byteReserve < byteCount_ &&
+           usedEntries < entryCount_ - entryReserve;
 }
 
 bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_view tag,
                       std::string_view function, std::string_view message, void (*onSpace)()) {
     const uint64_t size = tag.size() + function.size() + message.size() + 5;
     for (;;) {
-        Position w = writePosition_.load();
-        Position r = readPosition_.load();
-        uint64_t skip = byteCount_ - w.byte < size ? byteCount_ - w.byte : 0;
-        uint64_t usedBytes = (w.byte + byteCount_ - r.byte) % byteCount_;
-        uint64_t usedEntries = (w.entry + entryCount_ - r.entry) % entryCount_;
-        if (usedBytes + skip + size + byteReserve >= byteCount_) return false;
-        if (usedEntries >= entryCount_ - entryReserve) return false;
+        takeFlag(write_.flag);
+        Position w = write_.position;
+        Position r = write_.readSeen;
+        releaseFlag(write_.flag);
+        uint64_t skip = 0;
+        if (!fits(w, r, size, skip)) {
+            r = readPosition_.load();
+            if (!fits(w, r, size, skip)) return false;
+        }
         if (onSpace != nullptr) onSpace();
         Position next{(w.entry + 1) % entryCount_, (w.byte + skip + size) % byteCount_};
-        if (!writePosition_.replace(w, next)) continue;
+        takeFlag(write_.flag);
+        bool same = write_.position == w;
+        if (same) {
+            write_.position = next;
+            write_.readSeen = r;
+        }
+        releaseFlag(write_.flag);
+        if (!same) continue;
 
         Entry& entry = entries_[w.entry];
         entry.skip = skip;
@@ -116,9 +132,11 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
 }
 
 LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
-    Position r = readPosition_.load();
-    Position w = writePosition_.load();
-    if (r == w) return ReadResult::empty;
+    Position r = readerAt_;
+    if (r == knownWrite_) {
+        knownWrite_ = loadWrite();
+        if (r == knownWrite_) return ReadResult::empty;
+    }
     Entry& entry = entries_[r.entry];
     if (entry.pending.load(std::memory_order_acquire) != 0) return ReadResult::pending;
 
@@ -135,8 +153,9 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
                        std::string_view(message, messageLength)});
 
     entry.pending.store(1, std::memory_order_relaxed);
-    readPosition_.store(
-        Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_});
+    readerAt_ =
+        Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_};
+    readPosition_.store(readerAt_);
     return ReadResult::output;
 }
 

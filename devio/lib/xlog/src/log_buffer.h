@@ -15,7 +15,8 @@
 // queries). Writers take a slot by comparing and setting `writePosition`
 // under a spin flag, then fill it without any lock and clear the entry's
 // `pending` last; the reader never reads an entry that is still pending.
-// `readPosition` has its own spin flag. Each flag guards a 16-byte copy.
+// `readPosition` has its own spin flag. Each flag guards a copy of a few
+// words.
 
 namespace devio {
 
@@ -102,15 +103,30 @@ private:
         Position position{0, 0};
         Position load();
         void store(const Position& next);
-        bool replace(const Position& expected, const Position& next);
     };
+    // The writers' side also keeps a read position seen earlier, stored
+    // together with the write position. The reader only ever frees space,
+    // so an old read position understates the room: writers look at the
+    // reader's flag only when the old one says the rings are full.
+    struct alignas(64) WriteSide {
+        std::atomic<uint32_t> flag{0};
+        Position position{0, 0};
+        Position readSeen{0, 0};
+    };
+
+    Position loadWrite() const;
+    bool fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const;
 
     const size_t entryCount_;
     const size_t byteCount_;
     std::unique_ptr<Entry[]> entries_;
     std::unique_ptr<char[]> bytes_;
     mutable GuardedPosition readPosition_;
-    mutable GuardedPosition writePosition_;
+    mutable WriteSide write_;
+    // The reader's own: its position (it alone moves it), and the write
+    // position as last seen, refreshed only when the reader catches up.
+    alignas(64) Position readerAt_{0, 0};
+    Position knownWrite_{0, 0};
     alignas(64) std::atomic<int> writers_{0};
 };
 

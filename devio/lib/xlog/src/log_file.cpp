@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <new>
 
 #include "log_names.h"
 
@@ -91,6 +92,11 @@ void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std
         if (end == std::string_view::npos) break;
         pos = end + 1;
     }
+}
+
+void LogFile::resetAfterFork(uint32_t processId) {
+    new (&mutex_) std::mutex;
+    processId_ = processId;
 }
 
 void LogFile::flush() {

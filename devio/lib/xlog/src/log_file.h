@@ -36,6 +36,10 @@ public:
 
     void flush();
 
+    // In the child of a fork: the lock may have been held by a thread that
+    // does not exist here, and the process id is the child's.
+    void resetAfterFork(uint32_t processId);
+
     // Longest line written, newline included; longer ones are cut to end in
     // "...".
     static constexpr size_t maxLine = 1024;
@@ -47,7 +51,7 @@ private:
     FILE* file_ = nullptr;
     const uint64_t startMicros_;
     const uint64_t startWallMicros_;
-    const uint32_t processId_;
+    uint32_t processId_;
     const std::string processName_;
     const std::string nameSpace_;
     // localtime_r per line is costly; lines of the same second share it.

@@ -14,6 +14,9 @@ namespace devio::xlog {
 bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* function,
                     std::string_view tag, std::string_view message);
 
+// Called in the child after a fork: no buffering, no log thread.
+void resetAfterFork();
+
 // Whether LogBuffer::shutdown has begun.
 bool isShutDown();
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <new>
 
 namespace devio::xlog {
 
@@ -38,8 +39,8 @@ void TagFilter::configure(std::string_view tokens) {
 }
 
 bool TagFilter::passes(std::string_view tag) const {
-    if (minusTags_.find(tag) != minusTags_.end()) return false;
-    if (excludeAll_ && plusTags_.find(tag) == plusTags_.end()) return false;
+    if (!minusTags_.empty() && minusTags_.find(tag) != minusTags_.end()) return false;
+    if (excludeAll_ && (plusTags_.empty() || plusTags_.find(tag) == plusTags_.end())) return false;
     return true;
 }
 
@@ -85,7 +86,7 @@ void TagFilter::noteSeen(std::string_view tag, bool toFile) {
     if (tag.empty() || seenCache.contains(tag)) return;
     try {
         std::lock_guard lock(seenMutex_);
-        if (seenReleased_) return;
+        if (released_.load(std::memory_order_relaxed)) return;
         if (seenTags_.find(tag) == seenTags_.end()) seenTags_.emplace(std::string(tag), toFile);
         seenCache.add(tag);
     } catch (...) {
@@ -93,10 +94,14 @@ void TagFilter::noteSeen(std::string_view tag, bool toFile) {
     }
 }
 
-void TagFilter::releaseSeen() {
+void TagFilter::release() {
     std::lock_guard lock(seenMutex_);
-    seenReleased_ = true;
+    released_.store(true);
     std::map<std::string, bool, std::less<>>().swap(seenTags_);
+}
+
+void TagFilter::resetAfterFork() {
+    new (&seenMutex_) std::mutex;
 }
 
 }  // namespace devio::xlog

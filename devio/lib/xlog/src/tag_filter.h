@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <set>
@@ -29,8 +30,14 @@ public:
     // file. Cheap on repeats: each thread remembers the tags it has recorded.
     void noteSeen(std::string_view tag, bool toFile);
 
-    // Frees the record of seen tags; later calls of noteSeen are ignored.
-    void releaseSeen();
+    // Frees the record of seen tags and turns the filter off for good:
+    // later calls of noteSeen are ignored, and every tag passes.
+    void release();
+    bool released() const { return released_.load(std::memory_order_relaxed); }
+
+    // In the child of a fork: the lock may have been held by a thread that
+    // does not exist there.
+    void resetAfterFork();
 
     bool excludeAll() const { return excludeAll_; }
 
@@ -41,7 +48,7 @@ private:
 
     std::mutex seenMutex_;
     std::map<std::string, bool, std::less<>> seenTags_;
-    bool seenReleased_ = false;
+    std::atomic<bool> released_{false};
 };
 
 }  // namespace devio::xlog

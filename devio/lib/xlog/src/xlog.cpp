@@ -51,7 +51,6 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
     xlog::LogConfig& config = xlog::logConfig();
     if (!config.enabled.load(std::memory_order_relaxed)) return true;
 
-    uint64_t now = xlog::monotonicMicros();
     int outputs = config.loggingoutput.load(std::memory_order_relaxed);
     bool toConsole =
         (outputs & 3) != 0 && level <= config.logTagLevel.load(std::memory_order_relaxed);
@@ -63,7 +62,7 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
         !ownTag.empty() ? ownTag : std::string_view(tag != nullptr ? tag : "");
     if (function == nullptr) function = "";
 
-    if (toConsole && !effectiveTag.empty() && !xlog::isShutDown()) {
+    if (toConsole && !effectiveTag.empty() && !config.tags.released()) {
         config.tags.noteSeen(effectiveTag, toFile);
         // Errors and warnings never pay for the tag test.
         if (level > config.logginglevel.load(std::memory_order_relaxed) &&
@@ -71,6 +70,8 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
             toConsole = false;
     }
     if (!toConsole && !toFile) return true;
+    // The time of the call, taken only for a message that goes somewhere.
+    uint64_t now = xlog::monotonicMicros();
 
     char buffer[bufferSize];
     va_list args;

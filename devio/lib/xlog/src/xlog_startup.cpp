@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <sys/time.h>
 
 #include <chrono>
@@ -6,6 +7,7 @@
 
 #include "log_config.h"
 #include "log_platform.h"
+#include "log_process.h"
 #include "log_settings.h"
 #include "xlog.h"
 
@@ -129,6 +131,7 @@ void xLogStartup() {
             folder.clear();
         }
     }
+    pthread_atfork(nullptr, nullptr, xlog::resetAfterFork);
     writeHeader(processName, exePath, wall.tv_sec);
     if (!folder.empty())
         XLogPlatformSpecific::purgeOldLogFiles(folder, processName, xlog::nameSpace);
