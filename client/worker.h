@@ -1,0 +1,18 @@
+#pragma once
+
+// The background worker: sleeps until signalled, drains the queue into the
+// events file under the file's lock, then lets the upload decision run.
+
+#include <cstdint>
+
+namespace qv {
+
+// The worker thread's body; runs while `running` is set.
+void workerMain();
+
+// Writes queued lines to the events file: all of them when `request` is not
+// 0, else only once more than maxLineBuf are waiting. Then calls
+// decideUpload unless uploads are off (a request of 2 uploads regardless).
+void checkQueue(std::uint32_t request);
+
+}  // namespace qv
