@@ -7,7 +7,7 @@ namespace qv {
 struct CommandLine {
     std::string inputPath;  // last input file named, or empty for stdin
     bool hasInputFile = false;
-    int inputFd = -1;       // the last input file, opened (-1 if it failed)
+    int inputFd = -1;  // the last input file, opened (-1 if it failed)
 };
 
 // Cuts the arguments: --debugout <file>, --noupload, --version, and input

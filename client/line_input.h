@@ -12,10 +12,11 @@ namespace qv {
 
 struct LineInput {
     int fd = -1;
-    std::string buffer;  // bytes read but not yet returned
-    bool eof = false;    // the descriptor reported its end
-    bool fail = false;   // no line could be extracted (or no descriptor)
-    bool bad = false;    // a read failed
+    std::string buffer;  // bytes read; those from `start` on are not yet returned
+    size_t start = 0;
+    bool eof = false;   // the descriptor reported its end
+    bool fail = false;  // no line could be extracted (or no descriptor)
+    bool bad = false;   // a read failed
 };
 
 // True when the next getLine() can return without reading.

@@ -27,9 +27,9 @@ inline constexpr std::size_t stateFileLimit = 10000;
 // attempts and then go on without the lock.
 std::string updateState(const std::string& key, bool force, const StateTransform& transform);
 
-std::string getClientId();   // creates a ClientId on first use
-std::string getUploadId();   // creates an UploadId on first use
-std::string newUploadId();   // replaces the UploadId, returns the new one
+std::string getClientId();  // creates a ClientId on first use
+std::string getUploadId();  // creates an UploadId on first use
+std::string newUploadId();  // replaces the UploadId, returns the new one
 std::string getSetting(const std::string& key, const std::string& defaultValue);
 std::string setSetting(const std::string& key, const std::string& value);
 std::string readOnly(const std::string& key);  // "" if missing

@@ -1,0 +1,5 @@
+#include "client_main.h"
+
+int main(int argc, char** argv) {
+    return qv::clientMain(argc, argv);
+}

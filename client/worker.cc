@@ -1,0 +1,101 @@
+#include "worker.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "debug_log.h"
+#include "event_queue.h"
+#include "globals.h"
+#include "shared_file.h"
+#include "upload_policy.h"
+
+namespace qv {
+
+namespace {
+
+// Without an events file there is nowhere to put the queue; the lines would
+// pile up without bound, so the process ends and says why.
+[[noreturn]] void eventsFileFailure(int err) {
+    std::fprintf(stderr, "qvclient: cannot open %s: %s\n", eventsPath.c_str(), std::strerror(err));
+    std::abort();
+}
+
+// Writes the whole queue, one write call per line so that no other client's
+// append can tear a line. A failed write still pops its line: a full disk
+// must not make the queue grow for ever.
+void drainQueue(int fd) {
+    std::lock_guard<std::mutex> hold(queueMutex);
+    trace("bg lock queue");
+    while (!lineQueue.empty()) {
+        std::string line = lineQueue.front() + "\n";
+        [[maybe_unused]] ssize_t n = ::write(fd, line.data(), line.size());
+        lineQueue.pop_front();
+    }
+    queueLength = 0;
+}
+
+}  // namespace
+
+void checkQueue(std::uint32_t request) {
+    trace("bg flush to file ", requestWord.load());
+    int fd = openShared(eventsPath, O_RDWR | O_APPEND | O_CREAT);
+    int openErr = fd < 0 ? errno : 0;
+    std::size_t threshold = request != 0 ? 0 : maxLineBuf.load();
+
+    while (queueLength > threshold) {
+        if (fd < 0) eventsFileFailure(openErr);
+        int err = lockNamedFile(fd, eventsPath);
+        if (fd < 0) eventsFileFailure(err);
+        if (err != 0) {
+            std::printf("lock error: %d\n", err);
+            std::fflush(stdout);
+            break;
+        }
+        drainQueue(fd);
+        err = unlockRange(fd);
+        if (err != 0) {
+            trace("!!!!!!!unlock failed ", err);
+        } else {
+            trace("bg unlock complete");
+        }
+    }
+    if (fd >= 0) ::close(fd);
+
+    trace("bg upload= ", request);
+    if (!noUpload || request == 2) decideUpload(request == 2);
+}
+
+void workerMain() {
+    trace("bg start");
+    while (running) {
+        trace("bg get mutex");
+        std::unique_lock<std::mutex> hold(wakeMutex);
+        trace("bg wait_for");
+        // No predicate: the worker acts on signals, not on the word, and the
+        // five seconds only bound how long a cleared `running` goes unseen.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        std::cv_status woke = wakeCondition.wait_until(hold, deadline);
+        hold.unlock();
+        trace("bg wakeup");
+        if (woke == std::cv_status::timeout) {
+            trace("bg wait timeout");
+            continue;
+        }
+        trace("bg checkQueue");
+        std::uint32_t request = requestWord.exchange(0);
+        checkQueue(request);
+        trace("bg return checkQueue");
+    }
+    if (requestWord == 2) {
+        trace("bg requested upload before termination");
+        checkQueue(2);
+    }
+}
+
+}  // namespace qv
