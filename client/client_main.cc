@@ -41,6 +41,7 @@ int clientMain(int argc, char** argv) {
     std::fflush(stdout);
     running = true;
     std::thread worker(workerMain);
+    awaitWorkerWaiting();
 
     readerLoop(inputFd, !cut.hasInputFile);
 

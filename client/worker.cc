@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "debug_log.h"
 #include "event_queue.h"
@@ -71,12 +72,22 @@ void checkQueue(std::uint32_t request) {
     if (!noUpload || request == 2) decideUpload(request == 2);
 }
 
+std::atomic<bool> workerWaiting{false};
+
+void awaitWorkerWaiting() {
+    while (!workerWaiting) std::this_thread::yield();
+    // The worker holds wakeMutex from setting the flag until the wait has
+    // released it, so once we get the mutex the worker is waiting.
+    std::lock_guard<std::mutex> hold(wakeMutex);
+}
+
 void workerMain() {
     trace("bg start");
     while (running) {
         trace("bg get mutex");
         std::unique_lock<std::mutex> hold(wakeMutex);
         trace("bg wait_for");
+        workerWaiting = true;
         // No predicate: the worker acts on signals, not on the word, and the
         // five seconds only bound how long a cleared `running` goes unseen.
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);

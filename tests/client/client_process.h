@@ -1,0 +1,99 @@
+#pragma once
+
+// Test support: runs the real qvclient binary in its own process against a
+// throw-away data folder, and reads back what it left on disk.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+// Sanitizer builds run the client several times slower; stress tests scale
+// their counts down there and keep the full counts in the normal build.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
+// A fresh folder under $TMPDIR, removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// One running qvclient with a pipe on its standard input and its standard
+// output collected.
+class ClientProcess {
+public:
+    // Starts the binary with VANTSHRD_DIR=dataDir and the given arguments.
+    ClientProcess(const std::string& dataDir, const std::vector<std::string>& args);
+    ~ClientProcess();
+    ClientProcess(const ClientProcess&) = delete;
+    ClientProcess& operator=(const ClientProcess&) = delete;
+
+    void send(const std::string& text);
+    void closeInput();
+    // Waits for the end; returns the wait status. Fails the test after
+    // `limit`, killing the process.
+    int wait(std::chrono::seconds limit = std::chrono::seconds(120));
+    const std::string& output() const { return output_; }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    std::string output_;
+};
+
+struct RunResult {
+    int status = 0;
+    std::string output;
+};
+
+// Runs the client on `input` (closed after writing) and waits for it.
+RunResult runClient(const std::string& dataDir, const std::vector<std::string>& args,
+                    const std::string& input);
+
+bool exitedCleanly(int status);  // exit code 0
+bool aborted(int status);        // ended by a signal
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+std::vector<std::string> readLines(const std::string& path);
+size_t countLines(const std::string& path);
+
+// Waits until `predicate` holds, polling; false after `limit`.
+template <typename Predicate>
+bool waitFor(Predicate predicate, std::chrono::milliseconds limit) {
+    auto end = std::chrono::steady_clock::now() + limit;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        struct timespec pause = {0, 20 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+// Waits until the client behind `debugLog` has traced `lines` input lines and
+// its worker sits in its wait (its last trace is "bg wait_for") for a while,
+// so that ending its input now cannot race a drain.
+bool waitWorkerIdle(const std::string& debugLog, size_t lines,
+                    std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
+
+// The store's value of `key` in the data folder's registry.json, or "".
+std::string storedValue(const std::string& dataDir, const std::string& key);
+
+}  // namespace qvtest

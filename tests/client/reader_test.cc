@@ -1,0 +1,201 @@
+// The reader end to end through the real binary: identity lines, command
+// line, dot-commands, stamping and the end of input.
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "client_process.h"
+#include "md5.h"
+
+using nlohmann::json;
+using namespace qvtest;
+
+namespace {
+
+const std::regex guidForm("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+const std::regex timestampForm("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6}");
+
+std::string expectedUserHash() {
+    struct passwd* entry = ::getpwuid(::geteuid());
+    return qv::md5Base64(entry != nullptr ? entry->pw_name : "");
+}
+
+// Checks the four stamped keys of one written line and returns it parsed.
+json checkStamped(const std::string& line, const std::string& dataDir) {
+    json event = json::parse(line);
+    EXPECT_TRUE(event.is_object()) << line;
+    // Compact, keys in ascending byte order: the text is its own dump.
+    EXPECT_EQ(line, event.dump());
+    EXPECT_TRUE(std::regex_match(event["timestamp"].get<std::string>(), timestampForm)) << line;
+    EXPECT_EQ(event["upload"], storedValue(dataDir, "UploadId"));
+    EXPECT_EQ(event["client"], storedValue(dataDir, "ClientId"));
+    EXPECT_EQ(event["user"], expectedUserHash());
+    return event;
+}
+
+}  // namespace
+
+TEST(Reader, StampsObjectsAndNullAndDropsEverythingElse) {
+    TempDir dir;
+    std::string input =
+        "{\"a\":1,\"upload\":\"x\",\"timestamp\":5}\n"
+        "\n"
+        "[1,2]\n"
+        "3\n"
+        "\"text\"\n"
+        "null\n"
+        ".paused\n"
+        ".something else\n"
+        "{\"zz\":{\"b\":[true,null,1.5]},\"Aa\":\"\\u00e9\"}\r\n"
+        "{\"broken\":\n"
+        "{\"last\":\"without newline\"}";
+    RunResult run = runClient(dir.path(), {"--noupload"}, input);
+    ASSERT_TRUE(exitedCleanly(run.status)) << run.status;
+
+    auto lines = readLines(dir.file("qvevents.json"));
+    ASSERT_EQ(lines.size(), 3u) << readFile(dir.file("qvevents.json"));
+    json first = checkStamped(lines[0], dir.path());
+    EXPECT_EQ(first["a"], 1);
+    EXPECT_EQ(first.size(), 5u);
+    json null = checkStamped(lines[1], dir.path());
+    EXPECT_EQ(null.size(), 4u);
+    json nested = checkStamped(lines[2], dir.path());
+    EXPECT_EQ(nested["zz"], json::parse("{\"b\":[true,null,1.5]}"));
+    EXPECT_EQ(nested["Aa"], "\xc3\xa9");
+    // Stamps are taken line by line.
+    EXPECT_LE(first["timestamp"].get<std::string>(), nested["timestamp"].get<std::string>());
+}
+
+TEST(Reader, IdentityLinesAndFirstRunStore) {
+    TempDir dir;
+    RunResult run = runClient(dir.path(), {}, "");
+    ASSERT_TRUE(exitedCleanly(run.status));
+    std::string id = storedValue(dir.path(), "ClientId");
+    EXPECT_TRUE(std::regex_match(id, guidForm)) << id;
+    EXPECT_EQ(run.output, "schema: 00000005\nbuild: 90\nclientId: " + id + "\nstarting\n");
+    // Every setting is written with its default on the first run; UploadId
+    // waits for the first event.
+    json store = json::parse(readFile(dir.file("registry.json")));
+    EXPECT_EQ(store, json::parse(R"({"ClientId":")" + id + R"(","MaxLastUploadSeconds":"259200",
+        "MaxLineBuf":"20","MaxPauseSeconds":"7200","MinUploadSize":"1048576",
+        "TimeoutShutdownSeconds":"600"})"));
+    EXPECT_EQ(readFile(dir.file("registry.json")), store.dump() + "\n");
+
+    // The same identity on the next run.
+    RunResult again = runClient(dir.path(), {}, "{}\n");
+    EXPECT_NE(again.output.find("clientId: " + id + "\n"), std::string::npos);
+    EXPECT_TRUE(std::regex_match(storedValue(dir.path(), "UploadId"), guidForm));
+}
+
+TEST(Reader, CommandLineSwitches) {
+    TempDir dir;
+    // --version: identity lines only, yet the store gets its ClientId.
+    RunResult version = runClient(dir.path(), {"--version"}, "{}\n");
+    ASSERT_TRUE(exitedCleanly(version.status));
+    std::string id = storedValue(dir.path(), "ClientId");
+    EXPECT_EQ(version.output, "schema: 00000005\nbuild: 90\nclientId: " + id + "\n");
+    EXPECT_EQ(readFile(dir.file("qvevents.json")), "");
+
+    // The second character is not looked at; single-hyphen names are unknown
+    // and ignored, as are names of two characters.
+    RunResult other = runClient(dir.path(), {"-xversion"}, "");
+    EXPECT_EQ(other.output.find("starting"), std::string::npos);
+    for (std::string sw : {"-version", "-noupload", "--", "-?", "--unknown"}) {
+        RunResult run = runClient(dir.path(), {sw}, "{\"s\":1}\n");
+        EXPECT_TRUE(exitedCleanly(run.status)) << sw;
+        EXPECT_NE(run.output.find("starting\n"), std::string::npos) << sw;
+    }
+    EXPECT_EQ(countLines(dir.file("qvevents.json")), 5u);
+
+    // A lone "-" cannot be cut and ends the client abnormally.
+    EXPECT_TRUE(aborted(runClient(dir.path(), {"-"}, "").status));
+
+    // --debugout appends, starting with its own line; -ydebugout is the same
+    // switch.
+    std::string log = dir.file("debug.log");
+    runClient(dir.path(), {"--debugout", log}, "{\"d\":1}\n.EOF\n");
+    runClient(dir.path(), {"-ydebugout", log}, "not json\n");
+    std::string traces = readFile(log);
+    for (const char* expected :
+         {"STARTUP DEBUG LOG\n", "got a line (7): '{\"d\":1}'\n", "got eof\n",
+          "json parse exception\n", "EXITTING READER\n", "EXITTING CLIENT\n", "bg start\n",
+          "bg flush to file 0\n", "bg upload= 1\n", "fg linebuffer: 1\n"}) {
+        EXPECT_NE(traces.find(expected), std::string::npos) << expected;
+    }
+    size_t second = traces.find("STARTUP DEBUG LOG", 1);
+    EXPECT_NE(second, std::string::npos) << "log was not appended to";
+    // A debug log that cannot be opened costs nothing.
+    RunResult noLog = runClient(dir.path(), {"--debugout", dir.file("no/such/dir/log")}, "{}\n");
+    EXPECT_TRUE(exitedCleanly(noLog.status));
+}
+
+TEST(Reader, DotCommands) {
+    TempDir dir;
+    // ".EOFX" ends like ".EOF": nothing after it is read.
+    runClient(dir.path(), {}, "{\"n\":1}\n.EOFX\n{\"n\":2}\n");
+    EXPECT_EQ(countLines(dir.file("qvevents.json")), 1u);
+    // ".OFFICE" ends like ".OFF", and the hard request writes everything.
+    runClient(dir.path(), {}, "{\"n\":3}\n.OFFICE\n{\"n\":4}\n");
+    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+
+    // ".UNPAUSE" without a pause changes nothing.
+    runClient(dir.path(), {}, ".UNPAUSE\n");
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "");
+    EXPECT_EQ(storedValue(dir.path(), "LastPause"), "");
+
+    // Two pauses count once, the second restamps LastPause; words after the
+    // command are allowed, and the line is then dropped as an event.
+    std::string log = dir.file("debug.log");
+    runClient(dir.path(), {"--debugout", log}, ".PAUSE with words\n");
+    std::string firstPause = storedValue(dir.path(), "LastPause");
+    EXPECT_TRUE(std::regex_match(firstPause, timestampForm)) << firstPause;
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "1");
+    EXPECT_NE(readFile(log).find("json parse exception"), std::string::npos);
+    usleep(2000);
+    runClient(dir.path(), {}, ".PAUSE\n.PAUSE\n");
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "2");
+    EXPECT_GT(storedValue(dir.path(), "LastPause"), firstPause);
+    // One client: pause, unpause, pause again, unpause. Back to where it was.
+    runClient(dir.path(), {}, ".PAUSE\n.UNPAUSE\n.PAUSE\n.UNPAUSE\n.UNPAUSE\n");
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "2");
+    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+}
+
+TEST(Reader, InputFiles) {
+    TempDir dir;
+    writeFile(dir.file("first.txt"), "{\"from\":\"first\"}\n");
+    writeFile(dir.file("second.txt"), "{\"from\":\"second\"}\n{\"from\":\"second\",\"n\":2}\n");
+    // A later file replaces an earlier one; standard input is not read.
+    RunResult run = runClient(dir.path(), {dir.file("first.txt"), dir.file("second.txt")},
+                              "{\"from\":\"stdin\"}\n");
+    ASSERT_TRUE(exitedCleanly(run.status));
+    auto lines = readLines(dir.file("qvevents.json"));
+    ASSERT_EQ(lines.size(), 2u);
+    for (auto& line : lines) EXPECT_EQ(json::parse(line)["from"], "second");
+
+    // A missing file: the client starts, finds its input failed and ends.
+    RunResult missing = runClient(dir.path(), {dir.file("missing.txt")}, "{}\n");
+    EXPECT_TRUE(exitedCleanly(missing.status));
+    EXPECT_NE(missing.output.find("starting\n"), std::string::npos);
+    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+}
+
+TEST(Reader, BadSettingsAtStart) {
+    TempDir dir;
+    // Letters where a number belongs end the client at start, after the
+    // identity lines and before "starting".
+    writeFile(dir.file("registry.json"), "{\"MaxLineBuf\":\"many\"}\n");
+    RunResult letters = runClient(dir.path(), {}, "");
+    EXPECT_TRUE(aborted(letters.status));
+    EXPECT_EQ(letters.output.find("starting"), std::string::npos);
+    // Digits with trailing text and hand-edited numbers are accepted.
+    writeFile(dir.file("registry.json"), "{\"MaxLineBuf\":\"30 lines\",\"MinUploadSize\":5}\n");
+    EXPECT_TRUE(exitedCleanly(runClient(dir.path(), {}, "").status));
+    // A setting beyond 32 bits is out of range.
+    writeFile(dir.file("registry.json"), "{\"MaxPauseSeconds\":\"4294967296\"}\n");
+    EXPECT_TRUE(aborted(runClient(dir.path(), {}, "").status));
+}
