@@ -19,6 +19,20 @@ void seedStore(const std::string& dataDir, const nlohmann::json& values) {
     writeFile(dataDir + "/registry.json", values.dump() + "\n");
 }
 
+void patchStore(const std::string& dataDir, const nlohmann::json& patch) {
+    nlohmann::json store = nlohmann::json::object();
+    const std::string text = readFile(dataDir + "/registry.json");
+    if (!text.empty()) store = nlohmann::json::parse(text);
+    for (const auto& [key, value] : patch.items()) {
+        if (value.is_null()) {
+            store.erase(key);
+        } else {
+            store[key] = value;
+        }
+    }
+    seedStore(dataDir, store);
+}
+
 std::string eventInput(const std::string& tag, int count, int first) {
     std::string input;
     for (int i = first; i < first + count; ++i) {

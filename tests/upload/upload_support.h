@@ -19,6 +19,10 @@ std::string stampAgo(double seconds);
 // Writes registry.json as the client would, holding exactly `values`.
 void seedStore(const std::string& dataDir, const nlohmann::json& values);
 
+// Changes registry.json between runs: each key of `patch` is set, or
+// removed when its value is null.
+void patchStore(const std::string& dataDir, const nlohmann::json& patch);
+
 // `count` event lines {"tag":tag,"n":i}, each with a newline, padded so
 // that the file they make spans several compression blocks.
 std::string eventInput(const std::string& tag, int count, int first = 0);
