@@ -47,6 +47,7 @@ int clientMain(int argc, char** argv) {
 
     trace("EXITTING READER");
     running = false;
+    wakeWorkerToEnd();
     worker.join();
     trace("EXITTING CLIENT");
     closeDebugLog();

@@ -81,6 +81,11 @@ void awaitWorkerWaiting() {
     std::lock_guard<std::mutex> hold(wakeMutex);
 }
 
+void wakeWorkerToEnd() {
+    std::lock_guard<std::mutex> hold(wakeMutex);
+    wakeCondition.notify_one();
+}
+
 void workerMain() {
     trace("bg start");
     while (running) {
@@ -98,6 +103,9 @@ void workerMain() {
             trace("bg wait timeout");
             continue;
         }
+        // The foreground's closing wake only hurries the loop head; it
+        // carries no request.
+        if (!running && requestWord == 0) continue;
         trace("bg checkQueue");
         std::uint32_t request = requestWord.exchange(0);
         checkQueue(request);

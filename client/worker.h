@@ -18,6 +18,11 @@ extern std::atomic<bool> workerWaiting;
 // that an input that ends at once is not lost to the start of the thread.
 void awaitWorkerWaiting();
 
+// Foreground, after clearing `running`: wakes a waiting worker so that it
+// leaves at once instead of at the end of its five-second wait. It takes no
+// request word, so nothing is flushed because of it.
+void wakeWorkerToEnd();
+
 // Writes queued lines to the events file: all of them when `request` is not
 // 0, else only once more than maxLineBuf are waiting. Then calls
 // decideUpload unless uploads are off (a request of 2 uploads regardless).

@@ -171,29 +171,29 @@ size_t countLines(const std::string& path) {
 
 namespace {
 
-bool idleNow(const std::string& debugLog, size_t lines) {
+bool idleNow(const std::string& debugLog, size_t events) {
     std::string text = readFile(debugLog);
-    // The reader traces "getline now" at the start of every pass, so one
-    // more of them than `lines` means the last line has been queued.
-    size_t passes = 0;
-    for (size_t at = text.find("\ngetline now\n"); at != std::string::npos;
-         at = text.find("\ngetline now\n", at + 1)) {
-        ++passes;
+    // Every queued event traces "fg linebuffer: "; its soft request follows
+    // within microseconds, which the second look below leaves time for.
+    size_t queued = 0;
+    for (size_t at = text.find("\nfg linebuffer: "); at != std::string::npos;
+         at = text.find("\nfg linebuffer: ", at + 1)) {
+        ++queued;
     }
-    if (passes < lines + 1) return false;
+    if (queued < events) return false;
     size_t last = text.rfind("\nbg ");
     return last != std::string::npos && text.compare(last, 13, "\nbg wait_for\n") == 0;
 }
 
 }  // namespace
 
-bool waitWorkerIdle(const std::string& debugLog, size_t lines, std::chrono::milliseconds limit) {
+bool waitWorkerIdle(const std::string& debugLog, size_t events, std::chrono::milliseconds limit) {
     auto end = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < end) {
-        if (idleNow(debugLog, lines)) {
+        if (idleNow(debugLog, events)) {
             // Still idle a moment later: not just passing through the wait.
             std::this_thread::sleep_for(std::chrono::milliseconds(150));
-            if (idleNow(debugLog, lines)) return true;
+            if (idleNow(debugLog, events)) return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

@@ -87,10 +87,10 @@ bool waitFor(Predicate predicate, std::chrono::milliseconds limit) {
     return true;
 }
 
-// Waits until the client behind `debugLog` has traced `lines` input lines and
+// Waits until the client behind `debugLog` has queued `events` events and
 // its worker sits in its wait (its last trace is "bg wait_for") for a while,
 // so that ending its input now cannot race a drain.
-bool waitWorkerIdle(const std::string& debugLog, size_t lines,
+bool waitWorkerIdle(const std::string& debugLog, size_t events,
                     std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
 
 // The store's value of `key` in the data folder's registry.json, or "".
