@@ -113,6 +113,11 @@ class Server:
             body, chunks = ingest_wire.read_chunked(
                 rfile, MAX_BODY, reset_now if how["mode"] == "reset" else None)
             meta["chunks"] = chunks
+            if self.args.answer_first and how["mode"] == "ok":
+                # The sender's time then covers the transfer alone, not
+                # this server's decompression.
+                self.answer(tls, index, how)
+                how = dict(how, mode="answered")
             compressed, raw_header = ingest_wire.check_parts(
                 ingest_wire.split_multipart(body, boundary))
             with open(os.path.join(work, "header.json"), "wb") as f:
@@ -134,21 +139,25 @@ class Server:
         except WireError as e:
             meta["valid"] = False
             meta["problem"] = str(e)
-            how = dict(how, mode="ok", status=400,
-                       reply=json.dumps({"error": str(e)}))
+            if how["mode"] != "answered":
+                how = dict(how, mode="ok", status=400,
+                           reply=json.dumps({"error": str(e)}))
         with open(os.path.join(work, "meta.json"), "w", encoding="utf-8") as f:
             json.dump(meta, f, indent=1)
         os.rename(work, folder)
         if how["mode"] == "drop":
             self.log_connection(index, "stored, reply dropped")
-            return
+        elif how["mode"] != "answered":
+            self.answer(tls, index, how)
+
+    def answer(self, tls, index, how):
         reply = how["reply"].encode("utf-8")
         phrase = http.HTTPStatus(how["status"]).phrase
         tls.sendall(f"HTTP/1.1 {how['status']} {phrase}\r\n"
                     f"Content-Type: application/json\r\n"
                     f"Content-Length: {len(reply)}\r\n"
                     f"Connection: close\r\n\r\n".encode("latin-1") + reply)
-        self.log_connection(index, f"stored, answered {how['status']}")
+        self.log_connection(index, f"answered {how['status']}")
 
 
 def hold_silently(conn):
@@ -190,6 +199,8 @@ def main():
     p.add_argument("--no-event-files", dest="keep_events",
                    action="store_false",
                    help="check and count the events but do not store them")
+    p.add_argument("--answer-first", action="store_true",
+                   help="answer once the body is in, then check and store it")
     args = p.parse_args()
 
     _, cert, key = ingest_certs.ensure_certs(args.cert_dir)
