@@ -62,7 +62,7 @@ TEST(ConcurrentClients, EveryLineEndsOnTheServerOrInTheDataFolderOnce) {
                                                   {{"mode", "ok"}, {"status", 500}},
                                                   {{"mode", "reset"}},
                                                   {{"mode", "ok"}}})}});
-    const int rounds = sanitized ? 3 : 6;
+    const int rounds = sanitized ? 6 : 12;
     const int clients = 4;
     const int count = 50;
     for (int round = 0; round < rounds; ++round) {

@@ -53,6 +53,8 @@ struct TransportFault {
     bool foreignCa = false;
 };
 
+void PrintTo(const TransportFault& fault, std::ostream* out) { *out << fault.name; }
+
 class TransportFaults : public ::testing::TestWithParam<TransportFault> {};
 
 }  // namespace
@@ -134,6 +136,8 @@ struct Reply {
     bool traced;  // "exception processing returned json"
     json store;   // settings expected in the store afterwards
 };
+
+void PrintTo(const Reply& reply, std::ostream* out) { *out << reply.name; }
 
 class Replies : public ::testing::TestWithParam<Reply> {};
 
