@@ -1,6 +1,7 @@
 #include "worker.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,17 +29,23 @@ namespace {
 }
 
 // Writes the whole queue, one write call per line so that no other client's
-// append can tear a line. A failed write still pops its line: a full disk
+// append can tear a line. The lines are taken out under queueMutex and
+// written after it is released: the foreground then never waits for the
+// disk, only for the swap. A failed write still drops its line: a full disk
 // must not make the queue grow for ever.
 void drainQueue(int fd) {
-    std::lock_guard<std::mutex> hold(queueMutex);
-    trace("bg lock queue");
-    while (!lineQueue.empty()) {
-        std::string line = lineQueue.front() + "\n";
-        [[maybe_unused]] ssize_t n = ::write(fd, line.data(), line.size());
-        lineQueue.pop_front();
+    std::deque<std::string> taken;
+    {
+        std::lock_guard<std::mutex> hold(queueMutex);
+        trace("bg lock queue");
+        taken.swap(lineQueue);
+        queueLength = 0;
     }
-    queueLength = 0;
+    static char newline[] = "\n";
+    for (std::string& line : taken) {
+        struct iovec parts[2] = {{line.data(), line.size()}, {newline, 1}};
+        [[maybe_unused]] ssize_t n = ::writev(fd, parts, 2);
+    }
 }
 
 }  // namespace

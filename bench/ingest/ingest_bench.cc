@@ -8,6 +8,7 @@
 // invocation, so the ratio does not depend on the machine.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +29,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// CPU seconds (user + system) used so far by this process or by its
+// waited-for children: on a loaded machine this shows whether a slow run
+// was slow work or a short share of the processors.
+double cpuSeconds(int who) {
+    struct rusage usage = {};
+    ::getrusage(who, &usage);
+    auto seconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 constexpr int lineCount = 200000;
 constexpr int rounds = 3;
 
@@ -43,13 +54,19 @@ std::string eventLine(int n) {
            ",\"duration_ms\":" + std::to_string(n % 977) + ",\"view\":\"main\"}";
 }
 
-double boundSeconds(const std::string& dir, const std::vector<std::string>& stamped) {
+struct Timing {
+    double wall = 0;
+    double cpu = 0;
+};
+
+Timing boundTiming(const std::string& dir, const std::vector<std::string>& stamped) {
     // The store as the client has it while running: ids and all settings.
     qv::setDataDir(dir);
     qv::getClientId();
     qv::loadSettings();
     qv::getUploadId();
     int fd = qv::openShared(qv::eventsPath, O_RDWR | O_APPEND | O_CREAT);
+    double cpuStart = cpuSeconds(RUSAGE_SELF);
     auto start = Clock::now();
     for (const std::string& line : stamped) {
         qv::getUploadId();
@@ -59,12 +76,14 @@ double boundSeconds(const std::string& dir, const std::vector<std::string>& stam
             std::exit(1);
         }
     }
-    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    Timing timing{std::chrono::duration<double>(Clock::now() - start).count(),
+                  cpuSeconds(RUSAGE_SELF) - cpuStart};
     ::close(fd);
-    return seconds;
+    return timing;
 }
 
-double clientSeconds(const std::string& dir, const std::string& input) {
+Timing clientTiming(const std::string& dir, const std::string& input) {
+    double cpuStart = cpuSeconds(RUSAGE_CHILDREN);
     auto start = Clock::now();
     pid_t pid = ::fork();
     if (pid == 0) {
@@ -82,7 +101,8 @@ double clientSeconds(const std::string& dir, const std::string& input) {
         std::fprintf(stderr, "qvclient failed (status %d)\n", status);
         std::exit(1);
     }
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    return {std::chrono::duration<double>(Clock::now() - start).count(),
+            cpuSeconds(RUSAGE_CHILDREN) - cpuStart};
 }
 
 size_t linesIn(const std::string& path) {
@@ -120,24 +140,29 @@ int main() {
     }
 
     std::printf("ingest: %d event lines per run, best of %d runs\n", lineCount, rounds);
-    double bestBound = 1e30;
-    double bestClient = 1e30;
+    Timing bestBound{1e30, 0};
+    Timing bestClient{1e30, 0};
     size_t written = 0;
     for (int r = 0; r < rounds; ++r) {
-        double bound = boundSeconds(makeDir(base, "bound" + std::to_string(r)), stamped);
+        Timing bound = boundTiming(makeDir(base, "bound" + std::to_string(r)), stamped);
         std::string dir = makeDir(base, "client" + std::to_string(r));
-        double client = clientSeconds(dir, input);
+        Timing client = clientTiming(dir, input);
         written = linesIn(dir + "/qvevents.json");
-        std::printf("  run %d: bound %.0f lines/s, qvclient %.0f lines/s (%zu lines written)\n",
-                    r + 1, lineCount / bound, lineCount / client, written);
-        bestBound = std::min(bestBound, bound);
-        bestClient = std::min(bestClient, client);
+        std::printf(
+            "  run %d: bound %.0f lines/s, qvclient %.0f lines/s (%zu lines written); "
+            "cpu per line: bound %.1f us, qvclient %.1f us\n",
+            r + 1, lineCount / bound.wall, lineCount / client.wall, written,
+            bound.cpu / lineCount * 1e6, client.cpu / lineCount * 1e6);
+        if (bound.wall < bestBound.wall) bestBound = bound;
+        if (client.wall < bestClient.wall) bestClient = client;
     }
-    double boundRate = lineCount / bestBound;
-    double clientRate = lineCount / bestClient;
+    double boundRate = lineCount / bestBound.wall;
+    double clientRate = lineCount / bestClient.wall;
     std::printf("bound (2 store transactions + 1 append): %.0f lines/s\n", boundRate);
     std::printf("qvclient --noupload:                      %.0f lines/s\n", clientRate);
     std::printf("ratio to bound: %.2f (target 0.80)\n", clientRate / boundRate);
+    std::printf("cpu ratio (bound cpu / qvclient cpu, both threads): %.2f\n",
+                bestBound.cpu / bestClient.cpu);
 
     std::error_code ignored;
     std::filesystem::remove_all(base, ignored);

@@ -43,7 +43,9 @@ public:
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
 
+    // send() fails the test when the client stops reading; trySend() says so.
     void send(const std::string& text);
+    bool trySend(const std::string& text);
     void closeInput();
     // Waits for the end; returns the wait status. Fails the test after
     // `limit`, killing the process.
@@ -92,6 +94,13 @@ bool waitFor(Predicate predicate, std::chrono::milliseconds limit) {
 // so that ending its input now cannot race a drain.
 bool waitWorkerIdle(const std::string& debugLog, size_t events,
                     std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
+
+// True when `text` has the form of `shape`, character by character: 'h' a
+// lower-case hex digit, 'd' a decimal digit, 'b' a base64 character, and
+// any other character itself.
+bool matchesShape(const std::string& text, const std::string& shape);
+inline const std::string guidShape = "hhhhhhhh-hhhh-hhhh-hhhh-hhhhhhhhhhhh";
+inline const std::string timestampShape = "dddd-dd-dd dd:dd:dd.dddddd";
 
 // The store's value of `key` in the data folder's registry.json, or "".
 std::string storedValue(const std::string& dataDir, const std::string& key);

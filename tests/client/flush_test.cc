@@ -82,6 +82,28 @@ TEST(Flush, SmallStoredLineBufferIsRaisedToTwo) {
     EXPECT_EQ(storedValue(dir.path(), "MaxLineBuf"), "1");
 }
 
+TEST(Flush, LastUnpauseAsksForAFlush) {
+    // Unpausing the machine (the count back at 0) flushes at once; an
+    // unpause that leaves another client's pause standing does not.
+    TempDir dir;
+    std::string events = dir.file("qvevents.json");
+    std::string log = dir.file("debug.log");
+    writeFile(dir.file("registry.json"), "{\"PauseCount\":\"1\"}\n");
+    ClientProcess client(dir.path(), {"--noupload", "--debugout", log});
+    sendEvents(client, 0, 3);
+    client.send(".PAUSE\n.UNPAUSE\n");
+    ASSERT_TRUE(waitWorkerIdle(log, 3));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(countLines(events), 0u);
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "1");
+
+    writeFile(dir.file("registry.json"), "{}\n");
+    client.send(".PAUSE\n.UNPAUSE\n");
+    EXPECT_TRUE(waitFor([&] { return countLines(events) == 3; }, 10000ms));
+    EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "0");
+    EXPECT_TRUE(exitedCleanly(client.wait()));
+}
+
 TEST(Flush, HardEndWritesEverything) {
     TempDir dir;
     std::string log = dir.file("debug.log");

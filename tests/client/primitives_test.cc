@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <regex>
 #include <set>
 
+#include "client_process.h"
 #include "guid.h"
 #include "md5.h"
 #include "timestamp.h"
@@ -66,16 +66,15 @@ TEST(Md5, TwentyFourCharacterBase64) {
         std::string text = qv::md5Base64(name);
         EXPECT_EQ(text.size(), 24u);
         EXPECT_EQ(text.substr(22), "AA");
-        EXPECT_TRUE(std::regex_match(text, std::regex("[A-Za-z0-9+/]{24}"))) << text;
+        EXPECT_TRUE(qvtest::matchesShape(text, std::string(24, 'b'))) << text;
     }
 }
 
 TEST(Guid, TextFormAndUniqueness) {
-    const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
     std::set<std::string> seen;
     for (int i = 0; i < 2000; ++i) {
         std::string id = qv::newGuidText();
-        ASSERT_TRUE(std::regex_match(id, form)) << id;
+        ASSERT_TRUE(qvtest::matchesShape(id, qvtest::guidShape)) << id;
         // Memory order: the version nibble is the high half of byte 7, which
         // prints as the first digit of the third group's second byte.
         EXPECT_EQ(id[16], '4') << id;
