@@ -31,9 +31,8 @@ void applyReplySettings(const std::string& reply) {
             // The value is taken inside the store's transaction: one that
             // isn't a string throws out of it, which leaves the state file's
             // lock to this process until it ends.
-            std::string text = updateState(setting.key, true, [&](const std::string&) {
-                return it->get<std::string>();
-            });
+            std::string text = updateState(
+                setting.key, true, [&](const std::string&) { return it->get<std::string>(); });
             *setting.word = settingFromText(text);
         }
     } catch (const std::exception&) {

@@ -12,7 +12,9 @@ namespace qv {
 
 namespace {
 
-bool exists(const std::string& path, struct stat& st) { return ::stat(path.c_str(), &st) == 0; }
+bool exists(const std::string& path, struct stat& st) {
+    return ::stat(path.c_str(), &st) == 0;
+}
 
 std::string folderOf(const std::string& path) {
     auto slash = path.rfind('/');

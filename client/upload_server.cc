@@ -22,6 +22,8 @@ std::string uploadUrl() {
     return url.empty() ? QVCLIENT_UPLOAD_URL : url;
 }
 
-std::string extraCaFile() { return environment("VANTSHRD_CA_FILE"); }
+std::string extraCaFile() {
+    return environment("VANTSHRD_CA_FILE");
+}
 
 }  // namespace qv

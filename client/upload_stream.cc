@@ -10,8 +10,8 @@ namespace qv {
 bool openGzipStream(GzipStream& stream, FILE* file) {
     stream.file = file;
     // Window bits 15 + 16 asks zlib for the gzip wrapper instead of zlib's.
-    stream.status = deflateInit2(&stream.zs, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8,
-                                 Z_DEFAULT_STRATEGY);
+    stream.status =
+        deflateInit2(&stream.zs, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
     stream.released = stream.status != Z_OK;
     return stream.status == Z_OK;
 }

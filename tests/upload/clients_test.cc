@@ -5,16 +5,14 @@
 // upload again under its old upload id after the server kept it but the
 // client never saw the answer.
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <memory>
-#include <set>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
 #include <thread>
 
 #include "shared_file.h"
@@ -38,8 +36,8 @@ void runRound(UploadBench& bench, int round, int clients, int count) {
     std::vector<std::string> logs;
     for (int k = 0; k < clients; ++k) {
         logs.push_back(bench.dir.file("client" + std::to_string(k) + "-" + std::to_string(round)));
-        running.push_back(
-            std::make_unique<ClientProcess>(bench.data, std::vector<std::string>{"--debugout", logs.back()}));
+        running.push_back(std::make_unique<ClientProcess>(
+            bench.data, std::vector<std::string>{"--debugout", logs.back()}));
     }
     for (int k = 0; k < clients; ++k) {
         running[k]->send(eventInput("c" + std::to_string(k), count, round * 1000));
@@ -57,11 +55,11 @@ void runRound(UploadBench& bench, int round, int clients, int count) {
 TEST(ConcurrentClients, EveryLineEndsOnTheServerOrInTheDataFolderOnce) {
     UploadBench bench;
     bench.server.control({{"cycle", json::array({{{"mode", "ok"}},
-                                                  {{"mode", "reset"}},
-                                                  {{"mode", "drop"}},
-                                                  {{"mode", "ok"}, {"status", 500}},
-                                                  {{"mode", "reset"}},
-                                                  {{"mode", "ok"}}})}});
+                                                 {{"mode", "reset"}},
+                                                 {{"mode", "drop"}},
+                                                 {{"mode", "ok"}, {"status", 500}},
+                                                 {{"mode", "reset"}},
+                                                 {{"mode", "ok"}}})}});
     const int rounds = sanitized ? 6 : 12;
     const int clients = 4;
     const int count = 50;
@@ -129,8 +127,8 @@ TEST(ConcurrentClients, RenameWaitsForAWriterThatHoldsTheEventsFileLock) {
 
     ClientProcess client(bench.data, {"--debugout", bench.log});
     client.send(".OFF\n");
-    ASSERT_TRUE(waitFor([&] { return traced(bench.traces(), "bg got devio"); },
-                        std::chrono::seconds(30)));
+    ASSERT_TRUE(
+        waitFor([&] { return traced(bench.traces(), "bg got devio"); }, std::chrono::seconds(30)));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_FALSE(std::filesystem::exists(bench.sendFile())) << "renamed under a writer's lock";
 
@@ -144,7 +142,7 @@ TEST(ConcurrentClients, RenameWaitsForAWriterThatHoldsTheEventsFileLock) {
     auto uploads = bench.server.uploads();
     ASSERT_EQ(uploads.size(), 1u);
     EXPECT_EQ(numbersOf(uploads[0].lines, "w"), (std::vector<int>{0, 1, 2, 3, 4}));
-    EXPECT_TRUE(traced(bench.traces(), "send file created by rename " + bench.sendFile() +
-                                           " returned 0,0"))
+    EXPECT_TRUE(
+        traced(bench.traces(), "send file created by rename " + bench.sendFile() + " returned 0,0"))
         << bench.traces();
 }

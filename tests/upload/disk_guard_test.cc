@@ -58,8 +58,8 @@ TEST(DiskGuard, FailedUploadOnANearlyFullDiskDropsTheSendFile) {
                       "/filler' bs=$2 count=$(($1 - 6)) 2>/dev/null\n";
         }
         script += "VANTSHRD_DIR='" + bench.data + "' '" + std::string(QVCLIENT_PATH) +
-                  "' --debugout '" + bench.log + "' < '" +
-                  input + "' > /dev/null\n" + "ls '" + bench.data + "' > '" + listing + "'\n";
+                  "' --debugout '" + bench.log + "' < '" + input + "' > /dev/null\n" + "ls '" +
+                  bench.data + "' > '" + listing + "'\n";
         std::filesystem::remove(bench.log);
         int status = inMountNamespace(script);
         ASSERT_TRUE(exitedCleanly(status)) << status;

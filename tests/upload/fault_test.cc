@@ -53,7 +53,9 @@ struct TransportFault {
     bool foreignCa = false;
 };
 
-void PrintTo(const TransportFault& fault, std::ostream* out) { *out << fault.name; }
+void PrintTo(const TransportFault& fault, std::ostream* out) {
+    *out << fault.name;
+}
 
 class TransportFaults : public ::testing::TestWithParam<TransportFault> {};
 
@@ -119,12 +121,11 @@ TEST_P(TransportFaults, SendFileStaysAndGoesWithTheNextUpload) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, TransportFaults,
-    ::testing::Values(
-        TransportFault{"refused", inMode("refuse"), {7}, false, false},
-        TransportFault{"silent", inMode("silent"), {28}, false, true},
-        TransportFault{"reset", inMode("reset"), {55, 56}, false, true},
-        TransportFault{"reply_dropped", inMode("drop"), {52}, true, true},
-        TransportFault{"untrusted_ca", {}, {60}, false, false, true}),
+    ::testing::Values(TransportFault{"refused", inMode("refuse"), {7}, false, false},
+                      TransportFault{"silent", inMode("silent"), {28}, false, true},
+                      TransportFault{"reset", inMode("reset"), {55, 56}, false, true},
+                      TransportFault{"reply_dropped", inMode("drop"), {52}, true, true},
+                      TransportFault{"untrusted_ca", {}, {60}, false, false, true}),
     [](const auto& param) { return std::string(param.param.name); });
 
 namespace {
@@ -137,7 +138,9 @@ struct Reply {
     json store;   // settings expected in the store afterwards
 };
 
-void PrintTo(const Reply& reply, std::ostream* out) { *out << reply.name; }
+void PrintTo(const Reply& reply, std::ostream* out) {
+    *out << reply.name;
+}
 
 class Replies : public ::testing::TestWithParam<Reply> {};
 
@@ -187,7 +190,8 @@ INSTANTIATE_TEST_SUITE_P(
         Reply{"error_with_settings", 500,
               R"({"MaxLineBuf":"5000","MinUploadSize":"4096000","Other":"1"})", false,
               with({{"MaxLineBuf", "5000"}, {"MinUploadSize", "4096000"}})},
-        Reply{"all_five", 200,
+        Reply{"all_five",
+              200,
               R"({"MaxLastUploadSeconds":"360000","MaxLineBuf":"3000","MaxPauseSeconds":"9900",)"
               R"("MinUploadSize":"2000000","TimeoutShutdownSeconds":"400"})",
               false,
@@ -198,8 +202,7 @@ INSTANTIATE_TEST_SUITE_P(
                {"TimeoutShutdownSeconds", "400"}}},
         Reply{"not_json", 200, "not json", true, defaults},
         Reply{"array", 200, "[]", false, defaults},
-        Reply{"keys_are_exact", 200, R"({"maxlinebuf":"50","MINUPLOADSIZE":"7"})", false,
-              defaults},
+        Reply{"keys_are_exact", 200, R"({"maxlinebuf":"50","MINUPLOADSIZE":"7"})", false, defaults},
         // Taken in their fixed order up to the first bad one: its text is
         // stored, the ones after it are not.
         Reply{"stops_at_a_bad_number", 200,

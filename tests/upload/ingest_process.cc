@@ -41,10 +41,10 @@ IngestServer::IngestServer(const std::string& dir, const IngestOptions& options)
     fs::create_directories(dir_);
     const std::string portFile = dir_ + "/port";
     fs::remove(portFile);
-    pid_ = spawn({PYTHON3_PATH, INGEST_SERVER_PY, "--cert-dir", certDir_, "--store",
-                  dir_ + "/store", "--port-file", portFile, "--control", dir_ + "/control.json",
-                  "--mode", options.mode, "--status", std::to_string(options.status),
-                  "--reply", options.reply});
+    pid_ =
+        spawn({PYTHON3_PATH, INGEST_SERVER_PY, "--cert-dir", certDir_, "--store", dir_ + "/store",
+               "--port-file", portFile, "--control", dir_ + "/control.json", "--mode", options.mode,
+               "--status", std::to_string(options.status), "--reply", options.reply});
     bool ready = waitFor([&] { return fs::exists(portFile); }, std::chrono::seconds(30));
     if (!ready) throw std::runtime_error("ingest server did not start");
     port_ = std::stoi(readFile(portFile));
@@ -86,7 +86,9 @@ std::vector<StoredUpload> IngestServer::uploads() const {
     return result;
 }
 
-std::string IngestServer::connections() const { return readFile(dir_ + "/store/connections.log"); }
+std::string IngestServer::connections() const {
+    return readFile(dir_ + "/store/connections.log");
+}
 
 void IngestServer::becomeUploadTarget() const {
     ::setenv("VANTSHRD_UPLOAD_URL", url().c_str(), 1);

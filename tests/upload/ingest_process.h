@@ -21,8 +21,8 @@ struct IngestOptions {
 // One upload as the server stored it.
 struct StoredUpload {
     int connection = 0;
-    nlohmann::json meta;     // what the server checked and counted
-    std::string headerText;  // headerdata exactly as received
+    nlohmann::json meta;             // what the server checked and counted
+    std::string headerText;          // headerdata exactly as received
     std::vector<std::string> lines;  // the gunzipped events, one per line
 };
 

@@ -20,8 +20,9 @@ bool hasForm(const std::string& text, const std::string& form) {
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         const bool digit = c >= '0' && c <= '9';
-        if (form[i] == 'h' ? !(digit || (c >= 'a' && c <= 'f'))
-                           : form[i] == '9' ? !digit : c != form[i]) {
+        if (form[i] == 'h'   ? !(digit || (c >= 'a' && c <= 'f'))
+            : form[i] == '9' ? !digit
+                             : c != form[i]) {
             return false;
         }
     }
