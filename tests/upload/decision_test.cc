@@ -1,0 +1,145 @@
+// The upload decision through the real client: each run ends its input with
+// a soft request, so exactly one unforced decision follows its one flush.
+// Times are set by writing LastUpload and LastPause into the store, never
+// by waiting.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "upload_support.h"
+
+using nlohmann::json;
+using namespace qvtest;
+
+namespace {
+
+// Traces that any decision past the one-minute check writes.
+bool decided(const std::string& log) {
+    return traced(log, "TIME qualifies") || traced(log, "SIZE qualifies") ||
+           traced(log, "too small, too early") || traced(log, "forcing after");
+}
+
+}  // namespace
+
+TEST(UploadDecision, FirstDecisionUploadsAndNoneFollowsWithinAMinute) {
+    UploadBench bench;
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("a", 3)).status));
+    EXPECT_TRUE(traced(bench.traces(), "TIME qualifies for upload")) << bench.traces();
+    ASSERT_EQ(bench.server.uploads().size(), 1u);
+    const std::string stamp = storedValue(bench.data, "LastUpload");
+    ASSERT_FALSE(stamp.empty());
+
+    // Right after it, and 30 seconds after it: no decision, no trace, the
+    // stamp untouched, the lines kept for later.
+    for (double ago : {-1.0, 30.0}) {
+        if (ago >= 0) patchStore(bench.data, {{"LastUpload", stampAgo(ago)}});
+        const std::string before = storedValue(bench.data, "LastUpload");
+        ASSERT_TRUE(exitedCleanly(bench.run(eventInput("b", 3)).status));
+        EXPECT_FALSE(decided(bench.traces())) << bench.traces();
+        EXPECT_EQ(storedValue(bench.data, "LastUpload"), before);
+        EXPECT_EQ(bench.server.uploads().size(), 1u);
+    }
+    EXPECT_EQ(numbersOf(readLines(bench.eventsFile()), "b"), (std::vector<int>{0, 1, 2, 0, 1, 2}));
+}
+
+TEST(UploadDecision, TooEarlyPutsTheStampBackAndTheFloorIsTwoMinutes) {
+    UploadBench bench;
+    const std::string ninetyAgo = stampAgo(90);
+    seedStore(bench.data, {{"LastUpload", ninetyAgo}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("a", 3)).status));
+    EXPECT_TRUE(traced(bench.traces(), "too small, too early (")) << bench.traces();
+    EXPECT_EQ(storedValue(bench.data, "LastUpload"), ninetyAgo);
+    EXPECT_TRUE(bench.server.uploads().empty());
+
+    // A setting of 60 acts as 120, and the header says 120.
+    patchStore(bench.data, {{"MaxLastUploadSeconds", "60"}, {"LastUpload", stampAgo(100)}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("b", 3)).status));
+    EXPECT_TRUE(traced(bench.traces(), "too small, too early (")) << bench.traces();
+    EXPECT_TRUE(bench.server.uploads().empty());
+
+    patchStore(bench.data, {{"LastUpload", stampAgo(130)}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("c", 3)).status));
+    EXPECT_TRUE(traced(bench.traces(), "TIME qualifies for upload")) << bench.traces();
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(json::parse(uploads[0].headerText)["maxlastuploadseconds"], 120);
+    EXPECT_EQ(storedValue(bench.data, "MaxLastUploadSeconds"), "60");
+    EXPECT_EQ(uploads[0].lines.size(), 9u);
+}
+
+TEST(UploadDecision, ExactlyMinUploadSizeQualifiesOneByteLessDoesNot) {
+    UploadBench bench;
+    std::filesystem::create_directories(bench.data);
+    const std::string content = eventInput("pre", 40);
+    writeFile(bench.eventsFile(), content);
+    const std::string size = std::to_string(content.size());
+    const std::string oneMore = std::to_string(content.size() + 1);
+
+    // No input at all: the end of input alone asks for the decision.
+    seedStore(bench.data, {{"MinUploadSize", oneMore}, {"LastUpload", stampAgo(90)}});
+    ASSERT_TRUE(exitedCleanly(bench.run("").status));
+    EXPECT_FALSE(traced(bench.traces(), "SIZE qualifies")) << bench.traces();
+    EXPECT_TRUE(traced(bench.traces(), "too small, too early (")) << bench.traces();
+    EXPECT_TRUE(bench.server.uploads().empty());
+
+    patchStore(bench.data, {{"MinUploadSize", size}});
+    ASSERT_TRUE(exitedCleanly(bench.run("").status));
+    EXPECT_TRUE(traced(bench.traces(), "SIZE qualifies for upload")) << bench.traces();
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(uploads[0].meta["event_bytes"], content.size());
+}
+
+TEST(UploadDecision, PauseHoldsUntilUnpausedAndOffForcesPastIt) {
+    UploadBench bench;
+    // Paused an hour ago by some client: held, however old the pause.
+    seedStore(bench.data, {{"PauseCount", "1"}, {"LastPause", stampAgo(3600)}});
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_TRUE(exitedCleanly(bench.run(eventInput("held", 2, 2 * run)).status));
+        EXPECT_FALSE(decided(bench.traces())) << bench.traces();
+    }
+    EXPECT_TRUE(bench.server.uploads().empty());
+    EXPECT_EQ(storedValue(bench.data, "LastUpload"), "");
+    EXPECT_EQ(storedValue(bench.data, "PauseCount"), "1");
+
+    // ".OFF" goes past the pause, and the pause stays.
+    ASSERT_TRUE(exitedCleanly(bench.run(".OFF\n").status));
+    ASSERT_EQ(bench.server.uploads().size(), 1u);
+    EXPECT_EQ(numbersOf(bench.server.uploads()[0].lines, "held"), (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_EQ(storedValue(bench.data, "PauseCount"), "1");
+
+    // No LastPause: the decision gives back this client's pause, which it
+    // doesn't have, so the count stays and nothing is sent.
+    patchStore(bench.data, {{"LastPause", nullptr}, {"LastUpload", nullptr}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("x", 2)).status));
+    EXPECT_EQ(storedValue(bench.data, "PauseCount"), "1");
+    EXPECT_EQ(bench.server.uploads().size(), 1u);
+
+    // A LastPause lying MaxPauseSeconds in this client's future resets the
+    // count, and the decision goes on.
+    patchStore(bench.data, {{"LastPause", stampAgo(-(7200 + 60))}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("y", 2)).status));
+    EXPECT_EQ(storedValue(bench.data, "PauseCount"), "0");
+    EXPECT_TRUE(traced(bench.traces(), "TIME qualifies for upload")) << bench.traces();
+    EXPECT_EQ(bench.server.uploads().size(), 2u);
+}
+
+TEST(UploadDecision, OwnPauseEndsWithUnpauseAndNoUploadWaitsForOff) {
+    UploadBench bench;
+    ASSERT_TRUE(exitedCleanly(bench.run(".PAUSE\n" + eventInput("p", 3) + ".UNPAUSE\n").status));
+    EXPECT_EQ(storedValue(bench.data, "PauseCount"), "0");
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(numbersOf(uploads[0].lines, "p"), (std::vector<int>{0, 1, 2}));
+
+    // --noupload: flushes decide nothing, ".OFF" uploads all the same.
+    patchStore(bench.data, {{"LastUpload", nullptr}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("q", 3), {"--noupload"}).status));
+    EXPECT_FALSE(decided(bench.traces())) << bench.traces();
+    EXPECT_EQ(storedValue(bench.data, "LastUpload"), "");
+    ASSERT_TRUE(exitedCleanly(bench.run(".OFF\n", {"--noupload"}).status));
+    uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 2u);
+    EXPECT_EQ(numbersOf(uploads[1].lines, "q"), (std::vector<int>{0, 1, 2}));
+}

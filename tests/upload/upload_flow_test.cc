@@ -1,0 +1,154 @@
+// Whole uploads through the real client and the loopback HTTPS server:
+// what reaches the server, the header, and what is left in the data folder.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "md5.h"
+#include "upload_support.h"
+
+using nlohmann::json;
+using namespace qvtest;
+
+namespace {
+
+// True when `text` has the shape of `form`: "h" a lower-case hex digit,
+// "9" a decimal digit, anything else itself.
+bool hasForm(const std::string& text, const std::string& form) {
+    if (text.size() != form.size()) return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        const bool digit = c >= '0' && c <= '9';
+        if (form[i] == 'h'   ? !(digit || (c >= 'a' && c <= 'f'))
+            : form[i] == '9' ? !digit
+                             : c != form[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+const std::string guidForm = "hhhhhhhh-hhhh-hhhh-hhhh-hhhhhhhhhhhh";
+const std::string tokenTimeForm = "9999-99-99 99:99:9";
+
+std::vector<int> range(int first, int count) {
+    std::vector<int> v;
+    for (int i = first; i < first + count; ++i) v.push_back(i);
+    return v;
+}
+
+void checkHeader(const std::string& text, const std::string& dataDir, int maxLineBuf = 20) {
+    json header = json::parse(text);
+    // Compact with keys in ascending byte order: the text is its own dump.
+    EXPECT_EQ(text, header.dump());
+    for (const char* key : {"clientid", "uploadid", "version", "auth", "test"}) {
+        ASSERT_TRUE(header.contains(key) && header[key].is_string()) << key << " in " << text;
+    }
+    const json settings = {{"maxlinebuf", maxLineBuf},
+                           {"maxpauseseconds", 7200},
+                           {"maxlastuploadseconds", 259200},
+                           {"minuploadsize", 1048576},
+                           {"timeoutshutdownseconds", 600}};
+    for (const auto& [key, value] : settings.items()) {
+        ASSERT_TRUE(header.contains(key) && header[key].is_number_unsigned()) << key;
+        EXPECT_EQ(header[key], value) << key;
+    }
+    EXPECT_EQ(header["version"], "00000005");
+    EXPECT_EQ(header["clientid"], storedValue(dataDir, "ClientId"));
+    const std::string uploadId = header["uploadid"];
+    const std::string test = header["test"];
+    EXPECT_TRUE(hasForm(uploadId, guidForm));
+    ASSERT_EQ(test.size(), 90u);
+    EXPECT_EQ(test.substr(0, 36), uploadId);
+    EXPECT_EQ(test.substr(36, 36), header["clientid"]);
+    EXPECT_TRUE(hasForm(test.substr(72), tokenTimeForm)) << test;
+    EXPECT_EQ(header["auth"], qv::md5Hex(test));
+}
+
+}  // namespace
+
+TEST(UploadFlow, ServerGetsExactlyTheEventsFileAndTheHeader) {
+    UploadBench bench;
+    // First only write the events, in one flush at the end of input, to know
+    // the file's bytes; then send it.
+    seedStore(bench.data, {{"MaxLineBuf", "1000"}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("a", 600), {"--noupload"}).status));
+    const std::string written = readFile(bench.eventsFile());
+    ASSERT_EQ(numbersOf(readLines(bench.eventsFile()), "a"), range(0, 600));
+    ASSERT_GT(written.size(), 4 * 16384u);
+    const std::string idBefore = storedValue(bench.data, "UploadId");
+
+    ASSERT_TRUE(exitedCleanly(bench.run(".OFF\n").status));
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 1u) << bench.server.connections();
+    const StoredUpload& up = uploads[0];
+    ASSERT_TRUE(up.meta["valid"]) << up.meta.dump();
+    EXPECT_EQ(readFile(bench.dir.file("ingest/store/upload-000000/events.txt")), written);
+    // One sync flush per block of the send file at least.
+    EXPECT_GE(up.meta["sync_markers"].get<size_t>(), written.size() / 16384);
+    checkHeader(up.headerText, bench.data, 1000);
+    EXPECT_EQ(json::parse(up.headerText)["uploadid"], idBefore);
+    EXPECT_EQ(json::parse(up.lines[0])["upload"], idBefore);
+
+    // Delivered: a new upload id, no send file, no events left.
+    const std::string idAfter = storedValue(bench.data, "UploadId");
+    EXPECT_TRUE(hasForm(idAfter, guidForm));
+    EXPECT_NE(idAfter, idBefore);
+    EXPECT_FALSE(std::filesystem::exists(bench.sendFile()));
+    EXPECT_EQ(readFile(bench.eventsFile()), "");
+
+    const std::string log = bench.traces();
+    const std::string send = bench.sendFile();
+    for (const std::string& text :
+         {std::string("forcing after "), std::string("!!! UPLOAD !!!!"),
+          std::string("bg get devio"), std::string("bg got devio"),
+          "send file created by rename " + send + " returned 0,0",
+          "upload complete, delete " + send, "sent normal send file " + send + " returned 0",
+          std::string("CollectSystemData took ")}) {
+        EXPECT_TRUE(traced(log, text)) << text << "\n" << log;
+    }
+}
+
+TEST(UploadFlow, LinesAndOffInOneRunAndANothingToSendRun) {
+    UploadBench bench;
+    // --noupload keeps the flushes along the way from deciding; ".OFF"
+    // uploads all the same.
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("b", 75) + ".OFF\n", {"--noupload"}).status));
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(numbersOf(uploads[0].lines, "b"), range(0, 75));
+    checkHeader(uploads[0].headerText, bench.data);
+
+    // Nothing new: the forced decision stamps LastUpload, and no request
+    // goes out for an empty events file.
+    const std::string stampBefore = storedValue(bench.data, "LastUpload");
+    ASSERT_TRUE(exitedCleanly(bench.run(".OFF\n").status));
+    EXPECT_TRUE(traced(bench.traces(), "events file is zero")) << bench.traces();
+    EXPECT_EQ(bench.server.uploads().size(), 1u);
+    EXPECT_NE(storedValue(bench.data, "LastUpload"), stampBefore);
+}
+
+TEST(UploadFlow, LeftoverSendFileGoesFirstThenTheNewEvents) {
+    UploadBench bench;
+    seedStore(bench.data, {{"MaxLineBuf", "1000"}});
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("old", 30), {"--noupload"}).status));
+    std::filesystem::rename(bench.eventsFile(), bench.sendFile());
+
+    ASSERT_TRUE(exitedCleanly(bench.run(eventInput("new", 40) + ".OFF\n", {"--noupload"}).status));
+    auto uploads = bench.server.uploads();
+    ASSERT_EQ(uploads.size(), 2u) << bench.server.connections();
+    checkHeader(uploads[0].headerText, bench.data, 1000);
+    EXPECT_EQ(numbersOf(uploads[0].lines, "old"), range(0, 30));
+    EXPECT_TRUE(numbersOf(uploads[0].lines, "new").empty());
+    EXPECT_EQ(numbersOf(uploads[1].lines, "new"), range(0, 40));
+    EXPECT_TRUE(numbersOf(uploads[1].lines, "old").empty());
+    // One header, built before the rotation, travels with both.
+    EXPECT_EQ(uploads[0].headerText, uploads[1].headerText);
+    EXPECT_FALSE(std::filesystem::exists(bench.sendFile()));
+
+    const std::string log = bench.traces();
+    EXPECT_TRUE(traced(log, "send file exists already " + bench.sendFile())) << log;
+    EXPECT_TRUE(traced(log, "sent first of 2")) << log;
+    EXPECT_TRUE(traced(log, "sent second of 2")) << log;
+}
