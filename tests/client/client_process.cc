@@ -44,10 +44,16 @@ ClientProcess::ClientProcess(const std::string& dataDir, const std::vector<std::
     std::vector<char*> argv;
     for (auto& a : argStore) argv.push_back(a.data());
     argv.push_back(nullptr);
+    // The client may decide to upload; a closed loopback port makes that fail
+    // at once and keeps every test off the network.
     std::vector<std::string> envStore{"VANTSHRD_DIR=" + dataDir};
+    bool hasUrl = false;
     for (char** e = environ; *e != nullptr; ++e) {
-        if (std::string(*e).rfind("VANTSHRD_DIR=", 0) != 0) envStore.emplace_back(*e);
+        std::string entry(*e);
+        hasUrl = hasUrl || entry.rfind("VANTSHRD_UPLOAD_URL=", 0) == 0;
+        if (entry.rfind("VANTSHRD_DIR=", 0) != 0) envStore.push_back(std::move(entry));
     }
+    if (!hasUrl) envStore.emplace_back("VANTSHRD_UPLOAD_URL=https://127.0.0.1:1/events");
     std::vector<char*> envp;
     for (auto& e : envStore) envp.push_back(e.data());
     envp.push_back(nullptr);
@@ -166,6 +172,12 @@ std::vector<std::string> readLines(const std::string& path) {
     std::istringstream in(readFile(path));
     std::string line;
     while (std::getline(in, line)) lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> heldLines(const std::string& dataDir) {
+    std::vector<std::string> lines = readLines(dataDir + "/qvevents.json.send");
+    for (auto& line : readLines(dataDir + "/qvevents.json")) lines.push_back(std::move(line));
     return lines;
 }
 

@@ -77,6 +77,11 @@ void writeFile(const std::string& path, const std::string& content);
 std::vector<std::string> readLines(const std::string& path);
 size_t countLines(const std::string& path);
 
+// Every event line the data folder still holds, oldest first: an upload that
+// failed leaves its lines in the send file, which is older than the events
+// file. Tests run with an upload address that refuses at once.
+std::vector<std::string> heldLines(const std::string& dataDir);
+
 // Waits until `predicate` holds, polling; false after `limit`.
 template <typename Predicate>
 bool waitFor(Predicate predicate, std::chrono::milliseconds limit) {

@@ -26,11 +26,13 @@ void sendEvents(ClientProcess& client, int from, int to) {
 }
 
 // The "n" values of the events file, in file order.
-std::vector<int> writtenNumbers(const std::string& path) {
+std::vector<int> numbersOf(const std::vector<std::string>& lines) {
     std::vector<int> numbers;
-    for (auto& line : readLines(path)) numbers.push_back(nlohmann::json::parse(line)["n"]);
+    for (auto& line : lines) numbers.push_back(nlohmann::json::parse(line)["n"]);
     return numbers;
 }
+
+std::vector<int> writtenNumbers(const std::string& path) { return numbersOf(readLines(path)); }
 
 std::vector<int> range(int from, int to) {
     std::vector<int> numbers;
@@ -75,7 +77,7 @@ TEST(Flush, SmallStoredLineBufferIsRaisedToTwo) {
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(countLines(events), 0u);
     sendEvents(client, 2, 3);
-    EXPECT_TRUE(waitFor([&] { return countLines(events) == 3; }, 10000ms));
+    EXPECT_TRUE(waitFor([&] { return heldLines(dir.path()).size() == 3; }, 10000ms));
     client.send(".OFF\n");
     EXPECT_TRUE(exitedCleanly(client.wait()));
     // The stored text is left as it was; only the running value is raised.
@@ -111,7 +113,7 @@ TEST(Flush, HardEndWritesEverything) {
     sendEvents(client, 0, 60);
     client.send(".OFF\n");
     EXPECT_TRUE(exitedCleanly(client.wait()));
-    EXPECT_EQ(writtenNumbers(dir.file("qvevents.json")), range(0, 60));
+    EXPECT_EQ(numbersOf(heldLines(dir.path())), range(0, 60));
     // ".OFF" forces the upload decision even with --noupload.
     EXPECT_NE(readFile(log).find("bg upload= 2"), std::string::npos);
 }

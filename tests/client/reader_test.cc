@@ -68,7 +68,8 @@ TEST(Reader, StampsObjectsAndNullAndDropsEverythingElse) {
 
 TEST(Reader, IdentityLinesAndFirstRunStore) {
     TempDir dir;
-    RunResult run = runClient(dir.path(), {}, "");
+    // No upload decision, so the store holds only what the start writes.
+    RunResult run = runClient(dir.path(), {"--noupload"}, "");
     ASSERT_TRUE(exitedCleanly(run.status));
     std::string id = storedValue(dir.path(), "ClientId");
     EXPECT_TRUE(matchesShape(id, guidShape)) << id;
@@ -105,7 +106,7 @@ TEST(Reader, CommandLineSwitches) {
         EXPECT_TRUE(exitedCleanly(run.status)) << sw;
         EXPECT_NE(run.output.find("starting\n"), std::string::npos) << sw;
     }
-    EXPECT_EQ(countLines(dir.file("qvevents.json")), 5u);
+    EXPECT_EQ(heldLines(dir.path()).size(), 5u);
 
     // A lone "-" cannot be cut and ends the client abnormally.
     EXPECT_TRUE(aborted(runClient(dir.path(), {"-"}, "").status));
@@ -133,10 +134,10 @@ TEST(Reader, DotCommands) {
     TempDir dir;
     // ".EOFX" ends like ".EOF": nothing after it is read.
     runClient(dir.path(), {}, "{\"n\":1}\n.EOFX\n{\"n\":2}\n");
-    EXPECT_EQ(countLines(dir.file("qvevents.json")), 1u);
+    EXPECT_EQ(heldLines(dir.path()).size(), 1u);
     // ".OFFICE" ends like ".OFF", and the hard request writes everything.
     runClient(dir.path(), {}, "{\"n\":3}\n.OFFICE\n{\"n\":4}\n");
-    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+    EXPECT_EQ(heldLines(dir.path()).size(), 2u);
 
     // ".UNPAUSE" without a pause changes nothing.
     runClient(dir.path(), {}, ".UNPAUSE\n");
@@ -158,7 +159,7 @@ TEST(Reader, DotCommands) {
     // One client: pause, unpause, pause again, unpause. Back to where it was.
     runClient(dir.path(), {}, ".PAUSE\n.UNPAUSE\n.PAUSE\n.UNPAUSE\n.UNPAUSE\n");
     EXPECT_EQ(storedValue(dir.path(), "PauseCount"), "2");
-    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+    EXPECT_EQ(heldLines(dir.path()).size(), 2u);
 }
 
 TEST(Reader, InputFiles) {
@@ -169,7 +170,7 @@ TEST(Reader, InputFiles) {
     RunResult run = runClient(dir.path(), {dir.file("first.txt"), dir.file("second.txt")},
                               "{\"from\":\"stdin\"}\n");
     ASSERT_TRUE(exitedCleanly(run.status));
-    auto lines = readLines(dir.file("qvevents.json"));
+    auto lines = heldLines(dir.path());
     ASSERT_EQ(lines.size(), 2u);
     for (auto& line : lines) EXPECT_EQ(json::parse(line)["from"], "second");
 
@@ -177,7 +178,7 @@ TEST(Reader, InputFiles) {
     RunResult missing = runClient(dir.path(), {dir.file("missing.txt")}, "{}\n");
     EXPECT_TRUE(exitedCleanly(missing.status));
     EXPECT_NE(missing.output.find("starting\n"), std::string::npos);
-    EXPECT_EQ(countLines(dir.file("qvevents.json")), 2u);
+    EXPECT_EQ(heldLines(dir.path()).size(), 2u);
 }
 
 TEST(Reader, BadSettingsAtStart) {
