@@ -1,0 +1,100 @@
+#include "CDevio.h"
+
+#include <utility>
+
+#include "DeviceManager.h"
+#include "ErrorRecord.h"
+#include "xlog.h"
+
+namespace devio {
+
+constinit CDevio cdevio;
+
+CDevio::~CDevio() {
+    xLog("Devio", 2, "devio::CDevio::~CDevio", "CDevio::~CDevio");
+    if (!about_to_join) {
+        std::lock_guard<std::mutex> lock(impl_mutex);
+        if (impl) {
+            xLog("Devio", 2, "devio::CDevio::~CDevio",
+                 "CDevio::~CDevio calling about_to_join() to avoid deadlock");
+        }
+    }
+    destroyed.store(true);
+    // The members go now, the mutex before the manager: the manager's
+    // destructor may reach back into this object and must find it destroyed.
+}
+
+std::shared_ptr<DeviceManager> CDevio::getimpl() {
+    if (destroyed.load()) return nullptr;
+    std::lock_guard<std::mutex> lock(impl_mutex);
+    if (shutdown_requested) {
+        xLog("Devio", 2, "devio::CDevio::getimpl", "CDevio::getimpl retuning nullptr due to shutdown");
+        set_error(ShuttingDown);
+        return nullptr;
+    }
+    if (!impl) {
+        xLog("Devio", 2, "devio::CDevio::getimpl", "CDevio::getimpl creating cdevio DeviceManager");
+        impl = std::make_shared<DeviceManager>();
+    }
+    return impl;
+}
+
+std::shared_ptr<DeviceManager> CDevio::impl_if_alive() {
+    if (destroyed.load()) return nullptr;
+    std::lock_guard<std::mutex> lock(impl_mutex);
+    return impl;
+}
+
+std::shared_ptr<IDeviceManager> CDevio::manager() {
+    xLog("Devio", 2, "devio::CDevio::manager", "CDevio::manager");
+    return getimpl();
+}
+
+// The calls below may come during exit, after this object is gone. They
+// return at once then, without logging: the log facility may be gone too.
+
+void CDevio::report_unreported_error(const char* where) {
+    if (destroyed.load()) return;
+    xLog("Devio", 2, "devio::CDevio::report_unreported_error", "CDevio::report_unreported_error");
+    auto manager = impl_if_alive();
+    if (!manager) {
+        xLog("Devio", 2, "devio::CDevio::report_unreported_error",
+             "skipping CDevio::report_unreported_error");
+        return;
+    }
+    manager->report_unreported_error(where);
+}
+
+void CDevio::enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber, const void* set,
+                                       std::string name) {
+    if (destroyed.load()) return;
+    xLog("Devio", 2, "devio::CDevio::enqueue_event_for_runloop",
+         "CDevio::enqueue_event_for_runloop");
+    auto manager = impl_if_alive();
+    if (!manager) {
+        xLog("Devio", 2, "devio::CDevio::enqueue_event_for_runloop",
+             "skipping CDevio::enqueue_event_for_runloop");
+        return;
+    }
+    manager->enqueue_event_for_runloop(std::move(closure), subscriber, set, std::move(name));
+}
+
+void CDevio::call_event_from_runloop() {
+    if (destroyed.load()) return;
+    xLog("Devio", 2, "devio::CDevio::call_event_from_runloop", "CDevio::call_event_from_runloop");
+    if (auto manager = impl_if_alive()) manager->call_event_from_runloop();
+}
+
+void CDevio::remove_runloop_events(void* subscriber, const void* set) {
+    if (destroyed.load()) return;
+    xLog("Devio", 2, "devio::CDevio::remove_runloop_events", "CDevio::remove_runloop_events");
+    auto manager = impl_if_alive();
+    if (!manager) {
+        xLog("Devio", 2, "devio::CDevio::remove_runloop_events",
+             "skipping CDevio::remove_runloop_events");
+        return;
+    }
+    manager->remove_runloop_events(subscriber, set);
+}
+
+}  // namespace devio

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+
+namespace devio {
+
+// Watches the Bluetooth radios of the machine and the devices paired to them.
+class IBluetoothBus {
+public:
+    // A radio came or went. The external event is for other objects, the
+    // internal one for the bus itself; both are produced under the same names.
+    class RadioArrivalRemovalExternal {
+    public:
+        using Interface = IBluetoothBus;
+        struct Names {
+            const char* onRadioArrival;
+            const char* onRadioRemoval;
+        };
+        virtual void onRadioArrival(const std::string& /*radio*/) {}
+        virtual void onRadioRemoval(const std::string& /*radio*/) {}
+
+    protected:
+        ~RadioArrivalRemovalExternal() = default;
+    };
+
+    class RadioArrivalRemovalInternal {
+    public:
+        using Interface = IBluetoothBus;
+        using Names = RadioArrivalRemovalExternal::Names;
+        virtual void onRadioArrival(const std::string& /*radio*/) {}
+        virtual void onRadioRemoval(const std::string& /*radio*/) {}
+
+    protected:
+        ~RadioArrivalRemovalInternal() = default;
+    };
+
+    virtual ~IBluetoothBus() = default;
+};
+
+namespace event_names {
+inline constexpr IBluetoothBus::RadioArrivalRemovalExternal::Names RadioArrivalRemoval{
+    "RadioArrivalRemovalInternal::onRadioArrival",
+    "RadioArrivalRemovalInternal::onRadioRemoval"};
+}  // namespace event_names
+
+}  // namespace devio

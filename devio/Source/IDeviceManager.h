@@ -1,0 +1,108 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ErrorCode.h"
+
+namespace devio {
+
+class IDevice;
+
+// The library's face towards a host: `CDevio` and `DeviceManager` both
+// implement it, the first by forwarding to the second. The run-loop
+// operations are called by the event fabric from any thread.
+class IDeviceManager {
+public:
+    // A device came or went.
+    class ArrivalRemoval {
+    public:
+        using Interface = IDeviceManager;
+        struct Names {
+            const char* onDeviceArrival;
+            const char* onDeviceRemoval;
+        };
+        virtual void onDeviceArrival(const std::shared_ptr<IDevice>& /*device*/) {}
+        virtual void onDeviceRemoval(const std::shared_ptr<IDevice>& /*device*/) {}
+
+    protected:
+        ~ArrivalRemoval() = default;
+    };
+
+    // The host switched the library between active and inactive.
+    class ActiveChanged {
+    public:
+        using Interface = IDeviceManager;
+        struct Names {
+            const char* onActiveChanged;
+        };
+        virtual void onActiveChanged(bool /*active*/) {}
+
+    protected:
+        ~ActiveChanged() = default;
+    };
+
+    // A failure that happened where no caller could receive it (an event
+    // handler, a lazy start). `str` is a static text or null.
+    class UnreportedError {
+    public:
+        using Interface = IDeviceManager;
+        struct Names {
+            const char* onUnreportedError;
+        };
+        virtual void onUnreportedError(const char* /*where*/, ErrorCode /*err*/,
+                                       const char* /*str*/, unsigned long /*sys*/) {}
+
+    protected:
+        ~UnreportedError() = default;
+    };
+
+    // Asks the host to call `call_event_from_runloop` once on its own thread.
+    class RunLoopEvent {
+    public:
+        using Interface = IDeviceManager;
+        struct Names {
+            const char* onRunLoopEvent;
+        };
+        virtual void onRunLoopEvent() {}
+
+    protected:
+        ~RunLoopEvent() = default;
+    };
+
+    // What the run loop queues: a closure that delivers one event to one
+    // subscriber. `subscriber` and `set` only identify the record, so that a
+    // subscriber that leaves can take its pending events with it.
+    using RunLoopClosure = std::function<void()>;
+
+    virtual ~IDeviceManager() = default;
+
+    // Produces `onUnreportedError` from the calling thread's error record,
+    // when it holds an error.
+    virtual void report_unreported_error(const char* where) = 0;
+
+    // Queues one delivery for the host's thread and tells the host to pump.
+    virtual void enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber,
+                                           const void* set, std::string name) = 0;
+    // Runs the oldest queued delivery, if any. Called by the host, once per
+    // `onRunLoopEvent` it received.
+    virtual void call_event_from_runloop() = 0;
+    // Drops the queued deliveries of one subscriber for one producer's set;
+    // with both null, drops everything.
+    virtual void remove_runloop_events(void* subscriber, const void* set) = 0;
+};
+
+namespace event_names {
+inline constexpr IDeviceManager::ArrivalRemoval::Names DeviceManagerArrivalRemoval{
+    "DeviceManager::ArrivalRemoval::onDeviceArrival",
+    "DeviceManager::ArrivalRemoval::onDeviceRemoval"};
+inline constexpr IDeviceManager::ActiveChanged::Names DeviceManagerActiveChanged{
+    "DeviceManager::ActiveChanged::onActiveChanged"};
+inline constexpr IDeviceManager::UnreportedError::Names DeviceManagerUnreportedError{
+    "DeviceManager::UnreportedError::onUnreportedError"};
+inline constexpr IDeviceManager::RunLoopEvent::Names DeviceManagerRunLoopEvent{
+    "DeviceManager::RunLoopEvent::onRunLoopEvent"};
+}  // namespace event_names
+
+}  // namespace devio

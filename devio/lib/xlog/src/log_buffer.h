@@ -1,0 +1,117 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+// LogBuffer: the in-memory rings between logging threads and the log thread.
+//
+// Two rings advance together: fixed-size entries, and the byte ring holding
+// each record as "-tag-\0function\0message\0". A record never wraps; the gap
+// it leaves at the end of the byte ring is noted in its entry's `skip`.
+//
+// Threads: any number of writers (write), one reader (readOne, the usage
+// queries). Writers take a slot by comparing and setting `writePosition`
+// under a spin flag, then fill it without any lock and clear the entry's
+// `pending` last; the reader never reads an entry that is still pending.
+// `readPosition` has its own spin flag. Each flag guards a 16-byte copy.
+
+namespace devio {
+
+class LogBuffer {
+public:
+    struct Record {
+        uint64_t time;  // monotonic, microseconds
+        uint32_t thread;
+        int level;
+        std::string_view tag;  // with its hyphens
+        std::string_view function;
+        std::string_view message;
+    };
+
+    // Receives records from readOne, on the reader's thread.
+    class Sink {
+    public:
+        virtual ~Sink() = default;
+        virtual void output(const Record& record) = 0;
+    };
+
+    enum class ReadResult { empty, pending, output };
+
+    static constexpr size_t initialEntries = 30000;
+    static constexpr size_t initialBytes = 3000000;
+
+    // Throws std::bad_alloc if the rings cannot be allocated.
+    LogBuffer(size_t entries, size_t bytes);
+    ~LogBuffer();
+    LogBuffer(const LogBuffer&) = delete;
+    LogBuffer& operator=(const LogBuffer&) = delete;
+
+    // Stores one record; false if the rings have no room for it. Once there
+    // is room and before the slot is taken, `onSpace` runs (it may write to
+    // this buffer itself); the position is then re-checked.
+    bool write(uint64_t time, uint32_t thread, int level, std::string_view tag,
+               std::string_view function, std::string_view message, void (*onSpace)());
+
+    // Hands the oldest record to `sink` and frees it. `pending` means the
+    // oldest record's writer hasn't finished yet.
+    ReadResult readOne(Sink& sink);
+
+    size_t entryCount() const { return entryCount_; }
+    size_t byteCount() const { return byteCount_; }
+    size_t usedEntries() const;
+    size_t usedBytes() const;
+
+    // Writers announce themselves while they hold this buffer, so that the
+    // reader never retires it under a writer that is about to store.
+    void enter() { writers_.fetch_add(1, std::memory_order_seq_cst); }
+    void leave() { writers_.fetch_sub(1, std::memory_order_seq_cst); }
+    bool hasWriters() const { return writers_.load(std::memory_order_seq_cst) != 0; }
+
+    // Ends buffering for the process: the log thread drains what is stored
+    // and exits, and later messages are written straight to the file. Called
+    // at process exit; safe to call more than once.
+    static void shutdown();
+
+    // Test hooks. The sizes of the first buffer of the process (call before
+    // the first message); holding the reader keeps the log thread from
+    // reading or growing the rings; the number of stored, unread records.
+    static void setInitialSize(size_t entries, size_t bytes);
+    static void holdReader(bool hold);
+    static int64_t unreadCount();
+
+private:
+    struct Entry {
+        uint64_t skip;  // bytes left free at the end of the byte ring before this record
+        uint64_t time;
+        uint32_t thread;
+        uint32_t level;
+        uint64_t size;
+        std::atomic<uint32_t> pending;
+    };
+    struct Position {
+        uint64_t entry;
+        uint64_t byte;
+        bool operator==(const Position&) const = default;
+    };
+    // A position with its spin flag, alone on its cache line so that the
+    // writers' flag and the reader's flag don't share one.
+    struct alignas(64) GuardedPosition {
+        std::atomic<uint32_t> flag{0};
+        Position position{0, 0};
+        Position load();
+        void store(const Position& next);
+        bool replace(const Position& expected, const Position& next);
+    };
+
+    const size_t entryCount_;
+    const size_t byteCount_;
+    std::unique_ptr<Entry[]> entries_;
+    std::unique_ptr<char[]> bytes_;
+    mutable GuardedPosition readPosition_;
+    mutable GuardedPosition writePosition_;
+    alignas(64) std::atomic<int> writers_{0};
+};
+
+}  // namespace devio

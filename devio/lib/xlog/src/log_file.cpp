@@ -1,0 +1,100 @@
+#include "log_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include "log_names.h"
+
+namespace devio::xlog {
+
+LogFile::LogFile(uint64_t startMicros, uint64_t startWallMicros, uint32_t processId,
+                 std::string processName, std::string nameSpace)
+    : startMicros_(startMicros),
+      startWallMicros_(startWallMicros),
+      processId_(processId),
+      processName_(std::move(processName)),
+      nameSpace_(std::move(nameSpace)) {}
+
+LogFile::~LogFile() {
+    if (file_ != nullptr) std::fclose(file_);
+}
+
+bool LogFile::open(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    // The folder may sit in a shared temp directory: never follow a link
+    // planted where our file should be.
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    file_ = fdopen(fd, "a");
+    if (file_ == nullptr) {
+        ::close(fd);
+        return false;
+    }
+    return true;
+}
+
+void LogFile::formatDate(uint64_t timeMicros, char* out, size_t size) {
+    uint64_t wall = startWallMicros_ + (timeMicros - startMicros_);
+    auto second = static_cast<int64_t>(wall / 1000000);
+    if (second != cachedSecond_) {
+        time_t t = static_cast<time_t>(second);
+        tm local{};
+        localtime_r(&t, &local);
+        std::strftime(cachedDate_, sizeof cachedDate_, "%Y/%m/%d %H:%M:%S", &local);
+        cachedSecond_ = second;
+    }
+    unsigned micros = static_cast<unsigned>(wall % 1000000);
+    std::snprintf(out, size, "%s.%03u.%03u", cachedDate_, micros / 1000, micros % 1000);
+}
+
+void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std::string_view tag,
+                          std::string_view function, std::string_view message) {
+    std::lock_guard lock(mutex_);
+    if (file_ == nullptr) return;
+    std::string_view name = cutFunctionName(function);
+    message = dropNameRepeat(message, name);
+    // A message that ends its last line needs no empty line after it.
+    if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
+
+    char date[64];
+    formatDate(timeMicros, date, sizeof date);
+    double seconds = static_cast<double>(timeMicros - startMicros_) / 1e6;
+    // One byte more than the longest line, so that a line of exactly
+    // maxLine bytes is not taken for a cut one.
+    char line[maxLine + 1];
+    size_t pos = 0;
+    for (;;) {
+        size_t end = message.find('\n', pos);
+        std::string_view part = message.substr(pos, end == std::string_view::npos ? end : end - pos);
+        int n = std::snprintf(line, sizeof line, "%f\t%s\t%d\t<%05d>.%s.%s\t%d\t%-20.*s\t%.*s %.*s\n", seconds,
+                              date, static_cast<int>(processId_), static_cast<int>(threadId),
+                              nameSpace_.c_str(), processName_.c_str(), level, static_cast<int>(tag.size()), tag.data(),
+                              static_cast<int>(name.size()), name.data(), static_cast<int>(part.size()),
+                              part.data());
+        if (n < 0) {
+            std::fputs("xLog fputs == 0\n", file_);
+        } else {
+            size_t length = static_cast<size_t>(n);
+            if (length > maxLine) {
+                line[maxLine - 4] = '.';
+                line[maxLine - 3] = '.';
+                line[maxLine - 2] = '.';
+                line[maxLine - 1] = '\n';
+                length = maxLine;
+            }
+            std::fwrite(line, 1, length, file_);
+        }
+        if (end == std::string_view::npos) break;
+        pos = end + 1;
+    }
+}
+
+void LogFile::flush() {
+    std::lock_guard lock(mutex_);
+    if (file_ != nullptr) std::fflush(file_);
+}
+
+}  // namespace devio::xlog

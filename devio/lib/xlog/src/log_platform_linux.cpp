@@ -1,0 +1,136 @@
+#include <dirent.h>
+#include <fnmatch.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+#include "log_platform.h"
+#include "xlog.h"
+
+namespace devio {
+
+namespace {
+
+// The longest temp folder the file name still fits behind.
+constexpr size_t maxTempPathLength = 289;
+constexpr size_t maxProcessNameLength = 19;
+// How far below normal work the log thread runs (a nice value; 19 is the
+// floor). Low enough to yield to device threads, high enough to keep up with
+// bursts on a busy machine.
+constexpr int logThreadNiceIncrement = 10;
+
+}  // namespace
+
+std::string XLogPlatformSpecific::logFolder() {
+    std::string temp = "/tmp/";
+    if (const char* dir = std::getenv("TMPDIR"); dir != nullptr && *dir == '/') {
+        temp = dir;
+        if (temp.back() != '/') temp += '/';
+    }
+    if (temp.size() > maxTempPathLength) {
+        xLog("xLog", 0, "devio::XLogPlatformSpecific::logFolder", "Could not get path for log files");
+        return {};
+    }
+    std::string folder = temp + "xlog_vantrel/";
+    mkdir(folder.c_str(), 0700);
+    // The temp folder is shared between users: only a real directory of our
+    // own is trusted with our logs.
+    struct stat st{};
+    if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid())
+        return {};
+    return folder;
+}
+
+std::string XLogPlatformSpecific::executablePath() {
+    std::vector<char> buffer(4096);
+    ssize_t n = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    if (n <= 0) return {};
+    return std::string(buffer.data(), static_cast<size_t>(n));
+}
+
+std::string XLogPlatformSpecific::processName(std::string_view executablePath) {
+    size_t slash = executablePath.rfind('/');
+    std::string_view file = slash == std::string_view::npos ? executablePath : executablePath.substr(slash + 1);
+    file = file.substr(0, file.find('.'));
+    std::string name;
+    for (char c : file) {
+        bool letterOrDigit = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        if (letterOrDigit && name.size() < maxProcessNameLength) name += c;
+    }
+    return name;
+}
+
+uint32_t XLogPlatformSpecific::processId() { return static_cast<uint32_t>(getpid()); }
+
+uint32_t XLogPlatformSpecific::threadId() {
+    thread_local uint32_t id = static_cast<uint32_t>(syscall(SYS_gettid));
+    return id;
+}
+
+void XLogPlatformSpecific::debugOutput(const char* line, size_t length) {
+    std::fwrite(line, 1, length, stderr);
+}
+
+void XLogPlatformSpecific::lowerThreadPriority() {
+    // On Linux the nice value is per thread when addressed by thread id.
+    id_t tid = static_cast<id_t>(syscall(SYS_gettid));
+    errno = 0;
+    int current = getpriority(PRIO_PROCESS, tid);
+    if (errno == 0) setpriority(PRIO_PROCESS, tid, current + logThreadNiceIncrement);
+}
+
+bool XLogPlatformSpecific::debuggerPresent() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("TracerPid:", 0) == 0) return std::atoi(line.c_str() + 10) != 0;
+    return false;
+}
+
+void XLogPlatformSpecific::purgeOldLogFiles(const std::string& folder, const std::string& processName,
+                                             const std::string& nameSpace) {
+    static const char* const function = "devio::XLogPlatformSpecific::purgeOldLogFiles";
+    constexpr int64_t nanosecondsPerDay = 86400LL * 1000 * 1000 * 1000;
+    std::string pattern = "xlog_*_" + processName + "_" + nameSpace + ".dblog";
+
+    struct Found {
+        std::string path;
+        int64_t time;
+    };
+    std::vector<Found> files;
+    int64_t newest = INT64_MIN;
+    if (DIR* dir = opendir(folder.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            if (fnmatch(pattern.c_str(), entry->d_name, FNM_PERIOD) != 0) continue;
+            std::string path = folder + entry->d_name;
+            struct stat st{};
+            if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+            int64_t time = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+            files.push_back({path, time});
+            if (time > newest) newest = time;
+        }
+        closedir(dir);
+    }
+    for (const Found& file : files) {
+        // Age counts from the newest file, not from the clock, so a machine
+        // that logs rarely keeps its last week of logs.
+        int days = static_cast<int>((newest - file.time) / nanosecondsPerDay);
+        if (days < 7) {
+            xLog("xLog", 4, function, "Keeping %d day old log file %s", days, file.path.c_str());
+        } else if (unlink(file.path.c_str()) != 0) {
+            xLog("xLog", 1, function, "DeleteFile failed on %s, err=%d", file.path.c_str(), errno);
+        } else {
+            xLog("xLog", 4, function, "Purging %d day old log file %s", days, file.path.c_str());
+        }
+    }
+}
+
+}  // namespace devio

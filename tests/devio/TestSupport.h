@@ -1,0 +1,26 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace devio::test {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Polls `done` until it holds or `timeout` passes; true when it held.
+template <class Done>
+bool eventually(Done&& done, milliseconds timeout = milliseconds(5000)) {
+    const auto deadline = Clock::now() + timeout;
+    while (!done()) {
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(milliseconds(2));
+    }
+    return true;
+}
+
+inline long long ms_since(Clock::time_point start) {
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
+}
+
+}  // namespace devio::test

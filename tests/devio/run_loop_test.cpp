@@ -1,0 +1,209 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "CDevio.h"
+#include "DeviceManager.h"
+#include "FabricFixtures.h"
+#include "RunLoopHost.h"
+#include "TestSupport.h"
+
+namespace devio::test {
+namespace {
+
+// Counts wake-ups without pumping: a host that has not started its loop.
+class WakeCounter : public Subscriber<IDeviceManager::RunLoopEvent> {
+public:
+    void onRunLoopEvent() override { ++wakes; }
+    std::atomic<int> wakes{0};
+};
+
+TEST(RunLoop, LateHostIsToldOfEveryWaitingEventAndRunsThemInOrder) {
+    auto manager = cdevio.manager();
+    ASSERT_TRUE(manager);
+    auto journal = std::make_shared<Journal>();
+    auto bus = std::make_shared<FabricBus>();
+    PowerWatcher watcher(journal, "w");
+    ASSERT_TRUE(watcher.subscribe(bus, DeliveryRunLoop));
+    bus->power(1);
+    bus->power(0);
+    bus->power(1);
+    EXPECT_EQ(journal->size(), 0u);  // nobody pumps: everything waits
+
+    WakeCounter counter;
+    ASSERT_TRUE(counter.subscribe(manager, DeliveryDirect));
+    EXPECT_EQ(counter.wakes.load(), 3);  // told at once, inside subscribe
+
+    RunLoopHost host;
+    ASSERT_TRUE(host.start());
+    ASSERT_TRUE(eventually([&] { return journal->size() == 3; }));
+    ASSERT_TRUE(host.wait_idle(milliseconds(5000)));
+    auto seen = journal->snapshot();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].value, 1);
+    EXPECT_EQ(seen[1].value, 0);
+    EXPECT_EQ(seen[2].value, 1);
+    for (const auto& e : seen) EXPECT_EQ(e.thread, host.thread_id());
+}
+
+TEST(RunLoop, RunLoopEventItselfCannotGoThroughTheRunLoop) {
+    auto manager = cdevio.manager();
+    WakeCounter counter;
+    set_error(Success);
+    EXPECT_FALSE(counter.subscribe(manager, DeliveryRunLoop));
+    EXPECT_EQ(error_record().err, InternalError);
+    EXPECT_NE(error_record().str, nullptr);
+}
+
+// Many producing threads, two run-loop subscribers: every event arrives
+// exactly once at each, on the host's thread, in each producer's order.
+TEST(RunLoop, ConcurrentProducersDeliverExactlyOnceInOrder) {
+    // The event carries (producer, number) through a capture of its own.
+    struct Seen {
+        std::mutex mutex;
+        std::map<int, std::vector<int>> by_producer;
+        std::atomic<int> total{0};
+        std::atomic<bool> off_host{false};
+    };
+    class Recorder : public Subscriber<IHardwareBus::PlugUnplug> {
+    public:
+        void record(int producer, int number) {
+            std::lock_guard<std::mutex> lock(seen.mutex);
+            seen.by_producer[producer].push_back(number);
+            ++seen.total;
+        }
+        Seen seen;
+    };
+
+    constexpr int kThreads = 4;
+    constexpr int kEvents = 300;
+    RunLoopHost host;
+    ASSERT_TRUE(host.start());
+    Recorder first, second;
+    std::vector<std::shared_ptr<FabricBus>> buses;
+    for (int t = 0; t < kThreads; ++t) {
+        buses.push_back(std::make_shared<FabricBus>());
+        ASSERT_TRUE(first.subscribe(buses.back(), DeliveryRunLoop));
+        ASSERT_TRUE(second.subscribe(buses.back(), DeliveryRunLoop));
+    }
+    const auto host_thread = host.thread_id();
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t) {
+        producers.emplace_back([&, t] {
+            for (int n = 0; n < kEvents; ++n) {
+                buses[t]->produce(
+                    [t, n, host_thread](IHardwareBus::PlugUnplug* s) {
+                        auto* recorder = static_cast<Recorder*>(s);
+                        if (std::this_thread::get_id() != host_thread) {
+                            recorder->seen.off_host = true;
+                        }
+                        recorder->record(t, n);
+                    },
+                    event_names::Win32BusPlugUnplug.onPowerChange);
+            }
+        });
+    }
+    for (auto& p : producers) p.join();
+    for (Recorder* r : {&first, &second}) {
+        ASSERT_TRUE(eventually([&] { return r->seen.total.load() == kThreads * kEvents; },
+                               milliseconds(30000)));
+    }
+    ASSERT_TRUE(host.wait_idle(milliseconds(5000)));
+    for (Recorder* r : {&first, &second}) {
+        EXPECT_EQ(r->seen.total.load(), kThreads * kEvents);
+        EXPECT_FALSE(r->seen.off_host.load());
+        std::lock_guard<std::mutex> lock(r->seen.mutex);
+        for (int t = 0; t < kThreads; ++t) {
+            const auto& numbers = r->seen.by_producer[t];
+            ASSERT_EQ(numbers.size(), static_cast<std::size_t>(kEvents));
+            for (int n = 0; n < kEvents; ++n) ASSERT_EQ(numbers[n], n);
+        }
+    }
+}
+
+TEST(RunLoop, DiscardingEverythingLeavesNothingToRun) {
+    auto manager = cdevio.manager();
+    auto journal = std::make_shared<Journal>();
+    auto bus = std::make_shared<FabricBus>();
+    PowerWatcher watcher(journal, "w");
+    ASSERT_TRUE(watcher.subscribe(bus, DeliveryRunLoop));
+    for (int i = 0; i < 4; ++i) bus->power(1);
+    cdevio.remove_runloop_events(nullptr, nullptr);
+
+    RunLoopHost host;
+    ASSERT_TRUE(host.start());
+    bus->power(0);  // the queue keeps working after being emptied
+    ASSERT_TRUE(eventually([&] { return journal->size() == 1; }));
+    ASSERT_TRUE(host.wait_idle(milliseconds(5000)));
+    EXPECT_EQ(journal->size(), 1u);
+    EXPECT_EQ(journal->snapshot()[0].value, 0);
+}
+
+TEST(RunLoop, UnreportedErrorCarriesTheThreadsRecord) {
+    class Listener : public Subscriber<IDeviceManager::UnreportedError> {
+    public:
+        void onUnreportedError(const char* where_, ErrorCode err_, const char* str_,
+                               unsigned long sys_) override {
+            ++calls;
+            where = where_;
+            err = err_;
+            str = str_;
+            sys = sys_;
+        }
+        int calls = 0;
+        const char* where = nullptr;
+        ErrorCode err = Success;
+        const char* str = nullptr;
+        unsigned long sys = 0;
+    };
+    Listener listener;
+    ASSERT_TRUE(listener.subscribe(cdevio.manager(), DeliveryDirect));
+
+    set_error(Success);
+    cdevio.report_unreported_error("nothing wrong");
+    EXPECT_EQ(listener.calls, 0);
+
+    set_error(NoResponse, "no answer", 0x1234);
+    cdevio.report_unreported_error("DeviceManager::test");
+    ASSERT_EQ(listener.calls, 1);
+    EXPECT_STREQ(listener.where, "DeviceManager::test");
+    EXPECT_EQ(listener.err, NoResponse);
+    EXPECT_STREQ(listener.str, "no answer");
+    EXPECT_EQ(listener.sys, 0x1234u);
+}
+
+// What a dying process looks like from inside: once the facade is destroyed,
+// the fabric's calls do nothing, and the manager is gone with its queue.
+TEST(RunLoop, FacadeAfterDestructionIsInertAndReleasedTheManager) {
+    alignas(CDevio) unsigned char storage[sizeof(CDevio)];
+    auto* facade = new (storage) CDevio();
+    std::weak_ptr<IDeviceManager> manager = facade->manager();
+    ASSERT_FALSE(manager.expired());
+
+    auto ran = std::make_shared<std::atomic<int>>(0);
+    auto queued_token = std::make_shared<int>(0);
+    std::weak_ptr<int> queued_alive = queued_token;
+    facade->enqueue_event_for_runloop([ran, queued_token] { ++*ran; }, nullptr, nullptr, "queued");
+    queued_token.reset();
+    EXPECT_FALSE(queued_alive.expired());  // held by the queue
+
+    facade->~CDevio();
+    EXPECT_TRUE(manager.expired());
+    EXPECT_TRUE(queued_alive.expired());  // dropped with the queue, never run
+
+    facade->enqueue_event_for_runloop([ran] { ++*ran; }, nullptr, nullptr, "late");
+    facade->call_event_from_runloop();
+    facade->remove_runloop_events(nullptr, nullptr);
+    set_error(NoResponse);
+    facade->report_unreported_error("late");
+    EXPECT_EQ(facade->manager(), nullptr);  // no new manager during exit
+    EXPECT_EQ(ran->load(), 0);
+}
+
+}  // namespace
+}  // namespace devio::test
