@@ -105,6 +105,11 @@ SimDevice* Receiver::find(const std::string& device_id) {
     return nullptr;
 }
 
+void Receiver::flagsOverwrittenByOtherSoftware(Outbox& out) {
+    register0_ = {0, 0, 0};
+    out.send(Report{kShortReportId, kReceiverIndex, 0x80, 0x00, 0, 0, 0});
+}
+
 std::string Receiver::describe() const {
     std::string out;
     for (std::size_t i = 0; i < slots_.size(); ++i) {
