@@ -62,6 +62,15 @@ void answer(int fd, Machine& machine, const std::string& line, bool& quit) {
 }
 
 int serve(const std::string& machine_file, const std::string& dir) {
+    // A control client that has gone must not end the tool.
+    ::signal(SIGPIPE, SIG_IGN);
+    // Signals are taken by the main loop, so they are blocked before the
+    // serving thread starts, which inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
     std::ifstream in(machine_file);
     std::stringstream text;
     text << in.rdbuf();
@@ -84,13 +93,6 @@ int serve(const std::string& machine_file, const std::string& dir) {
         std::cerr << "devio-sim: " << e << "\n";
         return 1;
     }
-    // A control client that has gone must not end the tool.
-    ::signal(SIGPIPE, SIG_IGN);
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
     const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC);
     const int control_fd = listenControl(controlPath(root));
     if (control_fd < 0) {
