@@ -2,6 +2,7 @@
 // refusals, and the devio-sim tool.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -153,9 +154,11 @@ INSTANTIATE_TEST_SUITE_P(
                    "prefix"}),
     [](const auto& p) { return std::string(p.param.name); });
 
+class Tool : public ::testing::TestWithParam<bool> {};
+
 // The tool serves a machine, says where it is, takes commands on its control
-// socket and stops on "quit".
-TEST(Tool, ServesAndTakesCommands) {
+// socket, and stops on "quit" or on SIGTERM, unplugging everything.
+TEST_P(Tool, ServesAndTakesCommands) {
     char pattern[] = "/tmp/devio-sim-tool-XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     const std::string dir = pattern;
@@ -184,7 +187,11 @@ TEST(Tool, ServesAndTakesCommands) {
     EXPECT_EQ(ctl("fault mouse drop 1"), 0);
     EXPECT_NE(ctl("fault nobody drop 1"), 0);
     EXPECT_TRUE(std::filesystem::is_socket(dir + "/m/dev/hidraw0"));
-    EXPECT_EQ(ctl("quit"), 0);
+    if (GetParam()) {
+        EXPECT_EQ(ctl("quit"), 0);
+    } else {
+        ::kill(pid, SIGTERM);
+    }
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
@@ -197,6 +204,9 @@ TEST(Tool, ServesAndTakesCommands) {
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stop, Tool, ::testing::Values(true, false),
+                         [](const auto& p) { return std::string(p.param ? "quit" : "sigterm"); });
 
 }  // namespace
 }  // namespace simtest
