@@ -109,8 +109,7 @@ TEST_F(FaultTest, StalledWritesAreTakenButNotReadUntilTheStallEnds) {
 
 TEST_F(FaultTest, HangupEndsTheConnectionButLeavesTheNode) {
     command("hangup mouse");
-    ASSERT_TRUE(host.next(300ms) == std::nullopt);
-    EXPECT_TRUE(host.readFailed());
+    EXPECT_TRUE(host.readFails());
     Host again(sim, sim.path(0));
     ASSERT_TRUE(again.open());
     EXPECT_EQ(again.exchange(ping(0x42)), pong(0x42));
@@ -125,8 +124,7 @@ TEST_F(FaultTest, UnplugAndReplugMakeANewDeviceAtTheSamePath) {
     const auto before = hidDir();
     command("unplug mouse");
     EXPECT_FALSE(std::filesystem::exists(sim.machine().sysfsRoot() + "/class/hidraw/hidraw0"));
-    host.pending(100ms);
-    EXPECT_TRUE(host.readFailed());
+    EXPECT_TRUE(host.readFails());
     Host gone(sim, sim.path(0));
     EXPECT_FALSE(gone.open());
     EXPECT_EQ(devio::error_record().err, devio::CreateFileFailed);
