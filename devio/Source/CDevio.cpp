@@ -8,20 +8,43 @@
 
 namespace devio {
 
-constinit CDevio cdevio;
+// Holds the process's facade in storage that outlives every other static.
+// Its destructor runs the exit sequence but never ends the facade's life.
+class CDevioExitGuard {
+public:
+    constexpr CDevioExitGuard() : facade() {}
+    ~CDevioExitGuard() { facade.exit_sequence(); }
 
-CDevio::~CDevio() {
+    union {
+        CDevio facade;
+    };
+};
+
+namespace {
+constinit CDevioExitGuard exit_guard;
+}  // namespace
+
+constinit CDevio& cdevio = exit_guard.facade;
+
+CDevio::~CDevio() { exit_sequence(); }
+
+void CDevio::exit_sequence() {
+    if (destroyed.load()) return;
     xLog("Devio", 2, "devio::CDevio::~CDevio", "CDevio::~CDevio");
-    if (!about_to_join) {
+    std::shared_ptr<DeviceManager> last;
+    {
         std::lock_guard<std::mutex> lock(impl_mutex);
-        if (impl) {
+        if (!about_to_join && impl) {
             xLog("Devio", 2, "devio::CDevio::~CDevio",
                  "CDevio::~CDevio calling about_to_join() to avoid deadlock");
         }
+        destroyed.store(true);
+        last.swap(impl);
     }
-    destroyed.store(true);
-    // The members go now, the mutex before the manager: the manager's
-    // destructor may reach back into this object and must find it destroyed.
+    // The manager dies here, outside the lock (its destructor may reach back
+    // into this object, which now answers that there is no manager), unless
+    // a call still running elsewhere holds a copy; then it dies with that.
+    last.reset();
 }
 
 std::shared_ptr<DeviceManager> CDevio::getimpl() {

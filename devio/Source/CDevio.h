@@ -15,23 +15,24 @@ class DeviceManager;
 // makes the real implementation, `DeviceManager`, on first need and forwards
 // to it. Any thread may call it, also while the process is exiting: the
 // event fabric reaches it from producers and subscribers that die during
-// static destruction.
+// static destruction, and from threads that still run.
 //
 // `impl_mutex` guards only the pointer. Every call works on its own copy of
 // it, so the manager cannot die in the middle of a call, and no lock of ours
 // is held while the manager runs.
 //
-// The constructor does nothing at run time (`cdevio` is constant-
-// initialised), so the object is usable before any other static starts and
-// is destroyed after every dynamically initialised static of the process.
+// `cdevio` is constant-initialised, so it is usable before any other static
+// starts, and its exit sequence runs after every dynamically initialised
+// static of the process is gone. Its storage is never destroyed: the exit
+// sequence only marks it destroyed and lets the manager go, so that a call
+// that comes even later still finds a valid object that answers "nothing
+// here".
 class CDevio : public IDeviceManager {
 public:
     constexpr CDevio() = default;
     CDevio(const CDevio&) = delete;
     CDevio& operator=(const CDevio&) = delete;
-    // Marks the object destroyed before it lets the manager go, so that
-    // threads that still run and objects that die later find no manager
-    // instead of a half-dead one.
+    // Runs the exit sequence (for instances other than `cdevio`).
     ~CDevio() override;
 
     // The manager, made if need be; empty when shutting down. A host uses it
@@ -45,6 +46,12 @@ public:
     void remove_runloop_events(void* subscriber, const void* set) override;
 
 private:
+    friend class CDevioExitGuard;
+
+    // Marks the object destroyed before it lets the manager go, so that
+    // threads that still run and objects that die later find no manager
+    // instead of a half-dead one.
+    void exit_sequence();
     // For the calls of a host: creates the manager when there is none.
     std::shared_ptr<DeviceManager> getimpl();
     // For the calls of the event fabric and of dying objects: never creates.
@@ -57,6 +64,6 @@ private:
     std::atomic<bool> destroyed{false};
 };
 
-extern CDevio cdevio;
+extern CDevio& cdevio;
 
 }  // namespace devio

@@ -62,7 +62,9 @@ public:
     // Removes `subscriber` from both sets and drops the events queued for it
     // by this producer. After it returns, no delivery of this producer
     // reaches the subscriber, except one that the calling thread itself is
-    // running.
+    // running. To get there it waits for a run-loop delivery to the
+    // subscriber that a pumping thread is running, so the caller must not
+    // hold a lock (this producer's mutex included) that such a handler takes.
     virtual void unsubscribe(T* subscriber) {
         if (erase(direct_subscribers, subscriber)) on_subscription_removed(subscriber);
         if (erase(runloop_subscribers, subscriber)) {

@@ -6,16 +6,26 @@
 
 namespace devio {
 
+namespace {
+// The timer whose body runs on this thread, if any. The thread object field
+// cannot tell: it is written by the arming thread while the body may already
+// run.
+thread_local const Timer* own_timer = nullptr;
+}  // namespace
+
 Timer::Timer(int id_) : id(id_) {}
 
 Timer::~Timer() { stop(); }
 
+bool Timer::on_own_thread(const char* call) const {
+    if (own_timer != this) return false;
+    xAssert(false, call, __FILE__, __LINE__);
+    return true;
+}
+
 bool Timer::start(int milliseconds) {
-    if (thread && thread->get_id() == std::this_thread::get_id()) {
-        // Joining ourselves would hang; the arming is refused instead.
-        xAssert(false, "Timer::start from the timer's own thread", __FILE__, __LINE__);
-        return false;
-    }
+    // Re-arming joins the running thread, which would hang here.
+    if (on_own_thread("Timer::start from the timer's own thread")) return false;
     stop();
     past_half.store(false);
     {
@@ -29,18 +39,16 @@ bool Timer::start(int milliseconds) {
 bool Timer::reset(int milliseconds) {
     // In the first half the running interval stands: the kick is early
     // enough that restarting would change little and cost a thread.
+    if (on_own_thread("Timer::reset from the timer's own thread")) return false;
     if (thread && !past_half.load()) return true;
     return start(milliseconds);
 }
 
 bool Timer::stop() {
+    // A direct handler of our own event: the body ends right after the
+    // production, so there is nothing to cancel, and joining would hang.
+    if (on_own_thread("Timer::stop from the timer's own thread")) return true;
     if (!thread) return true;
-    if (thread->get_id() == std::this_thread::get_id()) {
-        // A direct handler of our own event: the body already holds the mutex
-        // and ends right after the production, so there is nothing to cancel.
-        xAssert(false, "Timer::stop from the timer's own thread", __FILE__, __LINE__);
-        return true;
-    }
     {
         std::lock_guard<std::mutex> lock(mutex);
         cancelled = true;
@@ -61,6 +69,7 @@ bool Timer::wait_cancelled(std::unique_lock<std::mutex>& lock, int milliseconds)
 }
 
 void Timer::body(int milliseconds) {
+    own_timer = this;
     std::unique_lock<std::mutex> lock(mutex);
     const int half = milliseconds / 2;
     const bool cancelled_early = wait_cancelled(lock, half);

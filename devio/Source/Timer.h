@@ -18,7 +18,8 @@ namespace devio {
 //
 // Threads: `start`, `reset` and `stop` come from any thread, but not from two
 // at once (the thread object is not guarded), and never from the timer's own
-// thread: a direct handler of `onTimerEvent` must not re-arm or stop it.
+// thread: a direct handler of `onTimerEvent` must not re-arm or stop it
+// (such calls are refused and logged as assertion failures).
 // Owners that do that subscribe with delivery 0, so their handlers run on the
 // host's thread.
 //
@@ -41,6 +42,9 @@ public:
 
 private:
     void body(int milliseconds);
+    // True, with an assertion logged, when called from this timer's own
+    // thread, that is from a direct handler of its event.
+    bool on_own_thread(const char* call) const;
     // Waits up to `milliseconds` or until cancelled; true when cancelled.
     bool wait_cancelled(std::unique_lock<std::mutex>& lock, int milliseconds);
 

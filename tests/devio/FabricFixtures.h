@@ -53,6 +53,9 @@ public:
                 event_names::Win32BusPlugUnplug.onPowerChange);
     }
 
+    // No hardware behind this bus.
+    std::vector<std::shared_ptr<IHardwareDevice>> devices() override { return {}; }
+
     bool refuse = false;
     int on_subscribe_calls = 0;
     std::vector<int> added_deliveries;

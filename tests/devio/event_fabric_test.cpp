@@ -94,7 +94,9 @@ TEST(EventFabric, RefusedSubscriptionLeavesNoTrace) {
 }
 
 TEST(EventFabric, CastFailureIsRecordedOnTheCallingThreadOnly) {
-    struct NotAProducer : IHardwareBus {};
+    struct NotAProducer : IHardwareBus {
+        std::vector<std::shared_ptr<IHardwareDevice>> devices() override { return {}; }
+    };
     auto journal = std::make_shared<Journal>();
     PowerWatcher watcher(journal, "w");
     set_error(NoResponse, "mine", 1);

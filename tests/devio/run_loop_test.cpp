@@ -3,7 +3,6 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <new>
 #include <thread>
 #include <vector>
 
@@ -177,32 +176,48 @@ TEST(RunLoop, UnreportedErrorCarriesTheThreadsRecord) {
     EXPECT_EQ(listener.sys, 0x1234u);
 }
 
-// What a dying process looks like from inside: once the facade is destroyed,
-// the fabric's calls do nothing, and the manager is gone with its queue.
-TEST(RunLoop, FacadeAfterDestructionIsInertAndReleasedTheManager) {
-    alignas(CDevio) unsigned char storage[sizeof(CDevio)];
-    auto* facade = new (storage) CDevio();
-    std::weak_ptr<IDeviceManager> manager = facade->manager();
-    ASSERT_FALSE(manager.expired());
-
+// A local facade goes the way the process's own does at exit: its manager
+// and every event still queued go with it, without running.
+TEST(RunLoop, FacadeDestructionReleasesTheManagerAndItsQueue) {
+    std::weak_ptr<IDeviceManager> manager;
     auto ran = std::make_shared<std::atomic<int>>(0);
-    auto queued_token = std::make_shared<int>(0);
-    std::weak_ptr<int> queued_alive = queued_token;
-    facade->enqueue_event_for_runloop([ran, queued_token] { ++*ran; }, nullptr, nullptr, "queued");
-    queued_token.reset();
-    EXPECT_FALSE(queued_alive.expired());  // held by the queue
-
-    facade->~CDevio();
+    std::weak_ptr<std::atomic<int>> queued_alive = ran;
+    {
+        CDevio facade;
+        manager = facade.manager();
+        ASSERT_FALSE(manager.expired());
+        facade.enqueue_event_for_runloop([ran] { ++*ran; }, nullptr, nullptr, "queued");
+        ran.reset();
+        EXPECT_FALSE(queued_alive.expired());  // held by the queue
+    }
     EXPECT_TRUE(manager.expired());
     EXPECT_TRUE(queued_alive.expired());  // dropped with the queue, never run
+}
 
-    facade->enqueue_event_for_runloop([ran] { ++*ran; }, nullptr, nullptr, "late");
-    facade->call_event_from_runloop();
-    facade->remove_runloop_events(nullptr, nullptr);
-    set_error(NoResponse);
-    facade->report_unreported_error("late");
-    EXPECT_EQ(facade->manager(), nullptr);  // no new manager during exit
-    EXPECT_EQ(ran->load(), 0);
+// The process exits while a thread still produces run-loop events and a host
+// still pumps: every late call finds the facade marked destroyed and does
+// nothing, and the exit is clean.
+TEST(RunLoopDeathTest, ExitWhileThreadsStillProduceAndPump) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            // Leaked on purpose: they live through exit like the objects of
+            // threads that a host never joined.
+            auto* journal = new std::shared_ptr<Journal>(std::make_shared<Journal>());
+            auto* bus = new std::shared_ptr<FabricBus>(std::make_shared<FabricBus>());
+            auto* watcher = new PowerWatcher(*journal, "w");
+            auto* host = new RunLoopHost;
+            if (!host->start() || !watcher->subscribe(*bus, DeliveryRunLoop)) std::_Exit(3);
+            std::thread([bus] {
+                for (;;) {
+                    (*bus)->power(1);
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                }
+            }).detach();
+            if (!eventually([&] { return (*journal)->size() > 20; })) std::_Exit(4);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

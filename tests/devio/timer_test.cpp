@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -168,16 +169,20 @@ TEST(Timer, RunLoopHandlerMayRearmItsOwnTimer) {
     for (auto id : handler.threads) EXPECT_EQ(id, host.thread_id());
 }
 
-// A direct handler runs on the timer's thread, where stopping the timer
-// cannot join; it must come back instead of hanging.
+// A direct handler runs on the timer's thread, where stopping or re-arming
+// the timer cannot join; it must come back instead of hanging.
 TEST(Timer, DirectHandlerStoppingItsTimerDoesNotHang) {
     class Stopper : public Subscriber<ITimer::TimerEvent> {
     public:
         void onTimerEvent(int) override {
+            ++calls;
+            refused_rearm = !timer->start(10) && !timer->reset(10);
             timer->stop();
             done = true;
         }
         std::shared_ptr<Timer> timer;
+        std::atomic<int> calls{0};
+        std::atomic<bool> refused_rearm{false};
         std::atomic<bool> done{false};
     };
     Stopper handler;
@@ -185,7 +190,11 @@ TEST(Timer, DirectHandlerStoppingItsTimerDoesNotHang) {
     ASSERT_TRUE(handler.subscribe(handler.timer, DeliveryDirect));
     handler.timer->start(0);
     ASSERT_TRUE(eventually([&] { return handler.done.load(); }));
+    EXPECT_TRUE(handler.refused_rearm.load());
     EXPECT_TRUE(handler.timer->stop());
+    // Refused means not armed: nothing more arrives.
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(handler.calls.load(), 1);
 }
 
 }  // namespace
