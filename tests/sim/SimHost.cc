@@ -14,8 +14,15 @@ SimMachine::SimMachine(const std::string& json) {
     char pattern[] = "/tmp/devio-sim-test-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
     dir_ = pattern;
-    machine_ = std::make_unique<devio_sim::Machine>(devio_sim::parseMachine(json), dir_);
-    if (std::string e = machine_->start(); !e.empty()) throw std::runtime_error(e);
+    try {
+        machine_ = std::make_unique<devio_sim::Machine>(devio_sim::parseMachine(json), dir_);
+        if (std::string e = machine_->start(); !e.empty()) throw std::runtime_error(e);
+    } catch (...) {
+        machine_.reset();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+        throw;
+    }
     bus_ = std::make_shared<SimBus>(machine_->sysfsRoot(), machine_->devRoot());
 }
 
