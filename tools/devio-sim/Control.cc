@@ -1,6 +1,8 @@
 #include "Control.h"
 
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -78,15 +80,22 @@ std::string sendNotification(Machine& m, const std::string& id, std::uint16_t fe
     });
 }
 
+// Arguments are all read before the work goes to the serving thread: a bad
+// one is refused here, and nothing is thrown across threads.
+std::optional<unsigned long> optional(const Args& a, std::size_t i, unsigned long max) {
+    return i < a.size() ? std::optional<unsigned long>(a.number(i, max)) : std::nullopt;
+}
+
 std::string battery(Machine& m, const Args& a) {
     const std::string& id = a.at(1);
     const Byte level = a.byte(2);
+    const auto next = optional(a, 3, 0xFF), status = optional(a, 4, 0xFF);
     std::vector<Byte> params;
     std::string e = m.withDevice(id, [&](SimDevice& d, Byte, Outbox*) {
         Battery& b = d.firmware().device().battery;
         b.level = level;
-        b.next_level = static_cast<Byte>(a.numberOr(3, 0xFF, b.next_level));
-        b.status = static_cast<Byte>(a.numberOr(4, 0xFF, b.status));
+        b.next_level = static_cast<Byte>(next.value_or(b.next_level));
+        b.status = static_cast<Byte>(status.value_or(b.status));
         params = {b.level, b.next_level, b.status};
         return std::string();
     });
@@ -133,9 +142,10 @@ std::string cookie(Machine& m, const Args& a) {
     const auto value = static_cast<std::uint16_t>(a.number(2, 0xFFFF));
     const Byte swid = static_cast<Byte>(a.numberOr(3, 0x0F, 1));
     if (swid == 0) return "software id 0 is for notifications";
-    return m.withDevice(a.at(1), [&](SimDevice& d, Byte index, Outbox* out) -> std::string {
+    const std::string& id = a.at(1);
+    return m.withDevice(id, [&](SimDevice& d, Byte index, Outbox* out) -> std::string {
         auto answer = d.firmware().cookieWrittenByOtherHost(index, value, swid);
-        if (!answer) return a.at(1) + " has no cookie";
+        if (!answer) return id + " has no cookie";
         if (out != nullptr) out->send(*answer);
         return {};
     });
@@ -147,13 +157,14 @@ std::string reflash(Machine& m, const Args& a) {
     const std::string& id = a.at(1);
     const std::size_t entity = a.number(2, 0xFF);
     const auto version = static_cast<std::uint16_t>(a.number(3, 0xFFFF));
+    const auto build = optional(a, 4, 0xFFFF);
     return m.withDevice(id, [&](SimDevice& d, Byte index, Outbox* out) -> std::string {
         auto& dev = d.firmware().device();
         if (entity >= dev.entities.size())
             return id + " has no firmware entity " + std::to_string(entity);
         dev.entities[entity].version = version;
         dev.entities[entity].build =
-            static_cast<std::uint16_t>(a.numberOr(4, 0xFFFF, dev.entities[entity].build));
+            static_cast<std::uint16_t>(build.value_or(dev.entities[entity].build));
         dev.cookie = 0;
         auto n = d.firmware().notification(index, kWirelessStatus, 0, {1, 1, 0});
         if (n && out != nullptr) out->send(*n);
@@ -172,27 +183,34 @@ std::string fault(Machine& m, const Args& a) {
                                   : mode == "stall" ? SimNode::WriteMode::Stall
                                                     : SimNode::WriteMode::Normal);
     }
+    std::function<void(Faults&)> change = [](Faults&) {};
+    if (kind == "drop") {
+        change = [n = a.count(3, 1)](Faults& f) { f.drop(n); };
+    } else if (kind == "delay") {
+        change = [ms = static_cast<int>(a.number(3, 600000)),
+                  n = a.count(4, Faults::kForever)](Faults& f) { f.delay(ms, n); };
+    } else if (kind == "late") {
+        change = [n = a.count(3, 1)](Faults& f) { f.late(n); };
+    } else if (kind == "swid") {
+        change = [swid = static_cast<Byte>(a.number(3, 0x0F)), n = a.count(4, 1)](Faults& f) {
+            f.swid(swid, n);
+        };
+    } else if (kind == "error") {
+        const auto version = static_cast<int>(a.number(3, 2));
+        if (version != 1 && version != 2) return "error needs protocol version 1 or 2";
+        change = [version, byte = a.byte(4), n = a.count(5, 1)](Faults& f) {
+            f.error(version, byte, n);
+        };
+    } else if (kind == "clear") {
+        change = [](Faults& f) { f.clear(); };
+    } else if (kind != "show") {
+        return "unknown fault " + kind;
+    }
     std::string shown;
-    std::string e = m.withFaults(id, [&](Faults& f) -> std::string {
-        if (kind == "drop") {
-            f.drop(a.count(3, 1));
-        } else if (kind == "delay") {
-            f.delay(static_cast<int>(a.number(3, 600000)), a.count(4, Faults::kForever));
-        } else if (kind == "late") {
-            f.late(a.count(3, 1));
-        } else if (kind == "swid") {
-            f.swid(static_cast<Byte>(a.number(3, 0x0F)), a.count(4, 1));
-        } else if (kind == "error") {
-            const unsigned long version = a.number(3, 2);
-            if (version != 1 && version != 2) return "error needs protocol version 1 or 2";
-            f.error(static_cast<int>(version), a.byte(4), a.count(5, 1));
-        } else if (kind == "clear") {
-            f.clear();
-        } else if (kind != "show") {
-            return "unknown fault " + kind;
-        }
+    std::string e = m.withFaults(id, [&](Faults& f) {
+        change(f);
         shown = f.describe();
-        return {};
+        return std::string();
     });
     return e.empty() ? "\n" + shown : e;
 }
