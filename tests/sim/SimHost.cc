@@ -1,0 +1,95 @@
+#include "SimHost.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "Control.h"
+#include "DescriptionJson.h"
+
+namespace simtest {
+
+SimMachine::SimMachine(const std::string& json) {
+    char pattern[] = "/tmp/devio-sim-test-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
+    dir_ = pattern;
+    machine_ = std::make_unique<devio_sim::Machine>(devio_sim::parseMachine(json), dir_);
+    if (std::string e = machine_->start(); !e.empty()) throw std::runtime_error(e);
+    bus_ = std::make_shared<SimBus>(machine_->sysfsRoot(), machine_->devRoot());
+}
+
+SimMachine::~SimMachine() {
+    machine_.reset();
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+}
+
+std::string SimMachine::command(const std::string& line) {
+    return devio_sim::execute(*machine_, line);
+}
+
+std::string SimMachine::path(int hidraw, const std::string& suffix) const {
+    return machine_->devRoot() + "/hidraw" + std::to_string(hidraw) + suffix;
+}
+
+Host::Host(SimMachine& sim, const std::string& path) {
+    std::shared_ptr<devio::IWin32System> system;
+    sim.bus()->lazyStart(&system);
+    device_ = std::make_shared<devio::Win32Device>(sim.bus(), system, path, 0);
+}
+
+Host::~Host() {
+    unsubscribe(device_);
+    device_->close();
+}
+
+bool Host::open() {
+    return device_->open() && subscribe(device_, 1, "");
+}
+
+bool Host::write(const Bytes& report) {
+    return device_->write(report, true);
+}
+
+void Host::onRead(std::vector<devio::Byte> report, bool, unsigned sys_error, unsigned) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (report.empty()) {
+        last_read_error_ = sys_error;
+    } else {
+        reads_.push_back(std::move(report));
+    }
+    cv_.notify_all();
+}
+
+std::optional<Bytes> Host::next(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!cv_.wait_for(lock, timeout, [this] { return !reads_.empty(); })) return std::nullopt;
+    Bytes r = std::move(reads_.front());
+    reads_.pop_front();
+    return r;
+}
+
+Bytes Host::exchange(const Bytes& request) {
+    if (!write(request)) return {};
+    return next().value_or(Bytes{});
+}
+
+std::size_t Host::pending(std::chrono::milliseconds settle) {
+    std::this_thread::sleep_for(settle);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return reads_.size();
+}
+
+bool Host::readFailed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return last_read_error_ != 0;
+}
+
+Bytes longReport(std::initializer_list<std::uint8_t> head) {
+    Bytes r(head);
+    r.resize(20, 0);
+    return r;
+}
+
+}  // namespace simtest
