@@ -116,6 +116,7 @@ DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* descr
     rec.attach(dev);
     // What the manager's subscription does at arrival: the read path starts,
     // so that notifications flow before the first command.
+    hw->open();
     dev->connected();
 }
 

@@ -23,8 +23,11 @@ struct Mark {
 std::vector<Mark> exchange_marks(Recorder& rec, int owner);
 void write_marks(const std::vector<Mark>& marks, const std::string& file);
 std::vector<Mark> read_marks(const std::string& file);
-// Empty when, in time order, every write is followed by the answer that
-// echoes it before any other write; else what went wrong.
-std::string check_serial(std::vector<Mark> marks);
+// Empty when, in time order, each command went out at least `min_gap_ms`
+// after the one before it; else the first pair that did not. With a device
+// that answers `min_gap_ms` or later, commands closer than that were in
+// flight together. (The answers' own marks are taken after the waiter woke,
+// so they cannot order the exchanges.)
+std::string check_serial(std::vector<Mark> marks, int min_gap_ms);
 
 }  // namespace devtest

@@ -85,6 +85,10 @@ TEST(Routing, ClassifiesWithoutACommandPending) {
 
 TEST(Routing, NotificationFromTheFirmwareReachesItsFeature) {
     DeviceRig rig;
+    // One exchange first: the simulated node has then taken our connection,
+    // and broadcasts reach it.
+    Bytes answer;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
     rig.sim("notify mouse 0x0020 1 0xAB 0xCD");
     ASSERT_TRUE(rig.rec.wait_reports(IDevice::ReportNotification, 1));
     const auto calls = rig.feature->calls();
