@@ -20,7 +20,7 @@ constexpr unsigned kBrbConfigItem = 7;
 constexpr int kBusTypeReceiver = 1;
 }  // namespace
 
-Device::Device(std::shared_ptr<IHardwareDevice> hw) : hwdev(std::move(hw)) {}
+Device::Device(std::shared_ptr<IHardwareDevice> hw) : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
 
 Device::~Device() = default;
 

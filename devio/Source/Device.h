@@ -18,6 +18,7 @@
 #include "NamedMutex.h"
 #include "Producer.h"
 #include "Subscriber.h"
+#include "VxpReport.h"
 
 namespace devio {
 
@@ -37,6 +38,11 @@ namespace devio {
 //   to a feature.
 // - `cache_mutex` guards the cache of responses and is never held with
 //   another lock, so a cache hit costs one uncontended lock.
+// - `hw_start_mutex` guards the start of the hardware side; it may be taken
+//   under `command_mutex`, and is held while subscribing to the hardware
+//   device, which takes that producer's lock. The engine subscribes before
+//   it takes `command_mutex`, since the read thread holds the producer's lock
+//   while it waits for `command_mutex`.
 // The flags that the read thread sets without `command_mutex` are atomic.
 class Device : public IDevice,
                public Producer<IDevice::Report>,
@@ -61,7 +67,7 @@ public:
     int bustype() override { return hwdev->bustype(); }
     int busport() override { return hwdev->busport(); }
     std::shared_ptr<IHardwareBus> bus() override { return hwdev->bus(); }
-    std::string path() override { return hwdev->path(); }
+    std::string path() override { return hw_path; }
     int pid() override { return hwdev->pid(); }
     std::string name() override { return hwdev->name(); }
     unsigned swid() override;
@@ -129,10 +135,14 @@ private:
     // subscription and, when the device is there, the Read subscription.
     bool lazy_hw_init();
     bool subscribe_read();
+    bool ensure_read_path();
 
     // Connection (fields used by the engine and the read path).
     std::weak_ptr<IDeviceManager> manager_;
     const std::shared_ptr<IHardwareDevice> hwdev;
+    // The identity of the hardware device never changes; kept so that
+    // logging it costs no copy.
+    const std::string hw_path;
     bool is_connected = false;
     std::atomic<bool> is_removed{false};
     std::atomic<bool> active{true};
@@ -145,7 +155,9 @@ private:
     std::map<std::uint32_t, std::shared_ptr<IFeature>> features;
     std::mutex features_mutex;
     std::atomic<bool> switch_swid{false};
-    std::uint32_t swid_ = 0;
+    // Written under `swid_mutex`; atomic so that the engine reads the id in
+    // use without a lock.
+    std::atomic<std::uint32_t> swid_{0};
     std::array<std::uint32_t, 16> swid_last_used{};
     std::uint32_t swid_use_counter = 0;
     std::mutex swid_mutex;
@@ -165,7 +177,7 @@ private:
     NamedMutex device_mutex{std::string(), false};
     std::atomic<bool> need_ping{false};
     std::atomic<bool> need_fw_check{false};
-    std::map<std::vector<Byte>, std::vector<Byte>> response_cache;
+    std::map<std::vector<Byte>, std::vector<Byte>, vxp::CacheKeyLess> response_cache;
     std::mutex cache_mutex;
     bool cache_dirty = false;  // guarded by cache_mutex
     std::shared_ptr<ITimer> cache_write_timer;

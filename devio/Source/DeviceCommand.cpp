@@ -32,10 +32,9 @@ const Device::Match kPingMatch{2};
 }  // namespace
 
 bool Device::cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& out) {
-    const std::vector<Byte> key = vxp::cache_key(command);
     {
         std::lock_guard<std::mutex> lock(cache_mutex);
-        auto found = response_cache.find(key);
+        auto found = response_cache.find(vxp::CacheProbe{command});
         if (found == response_cache.end()) {
             DEV_LOG(3, "sendSynchronousCommand", "requested command not in cache:");
             return false;
@@ -113,7 +112,7 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
 bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vector<Byte>& out,
                                     int cache_mode, const Match& match) {
     DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand enter, dev=%s",
-            hwdev->path().c_str());
+            hw_path.c_str());
     if (command.size() >= 4) {
         DEV_LOG(3, "sendSynchronousCommand", "sendSynchronousCommand cmd starts with %02x %02x %02x %02x",
                 command[0], command[1], command[2], command[3]);

@@ -33,17 +33,19 @@ bool Device::sendCommand(const std::vector<Byte>& report, bool wait_ready) {
     }
     // The read path must be in place before the report goes out, or the
     // answer could come back to nobody.
-    if (wait_ready) {
-        if (!lazy_hw_init()) return false;
-        std::lock_guard<std::mutex> lock(hw_start_mutex);
-        if (!subscribe_read()) return false;
-    }
+    if (wait_ready && !ensure_read_path()) return false;
     if (!hwdev->write(report, wait_ready)) {
         DEV_LOG(1, "sendCommand", "Device::sendCommand() - hwdev->write() failed, errcode = %d!",
                 static_cast<int>(error_record().err));
         return false;
     }
     return true;
+}
+
+bool Device::ensure_read_path() {
+    if (!lazy_hw_init()) return false;
+    std::lock_guard<std::mutex> lock(hw_start_mutex);
+    return subscribe_read();
 }
 
 bool Device::exchange_failed(ErrorCode err, unsigned value) {
@@ -57,6 +59,10 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
                                                 bool real_command) {
     // Lock order: device_mutex, then command_mutex.
     std::unique_lock<NamedMutex> device_lock(device_mutex);
+    // Subscribing takes the read producer's lock, which the read thread
+    // holds while it waits for `command_mutex`: do it before taking that.
+    // A failure here is met again, and reported, in sendCommand.
+    if (!abandoned && !is_removed) ensure_read_path();
     std::unique_lock<std::mutex> lock(command_mutex);
     // Our id is in use by another program: the retry's ping picks a new one.
     if (switch_swid && feature_based()) return exchange_failed(SwidCollision, swid());

@@ -12,11 +12,13 @@ constexpr unsigned kFallbackSwid = 15;
 }  // namespace
 
 unsigned Device::swid() {
+    if (const unsigned id = swid_.load(); id != 0) return id;
     std::lock_guard<std::mutex> lock(swid_mutex);
     if (swid_ == 0) {
         if (auto manager = manager_.lock()) swid_ = manager->swid() & 0x0Fu;
     }
-    return swid_ != 0 ? swid_ : kFallbackSwid;
+    const unsigned id = swid_;
+    return id != 0 ? id : kFallbackSwid;
 }
 
 unsigned Device::apply_swid_switch() {

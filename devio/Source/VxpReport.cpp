@@ -1,5 +1,7 @@
 #include "VxpReport.h"
 
+#include <algorithm>
+
 namespace devio::vxp {
 
 bool header_matches(const std::vector<Byte>& report, const std::vector<Byte>& command) {
@@ -35,6 +37,30 @@ bool is_error_response(const std::vector<Byte>& report, const std::vector<Byte>&
 std::vector<Byte> cache_key(std::vector<Byte> report) {
     if (report.size() > 3) report[3] = static_cast<Byte>((report[3] & 0xF0u) | 0x0Au);
     return report;
+}
+
+namespace {
+Byte key_byte(const std::vector<Byte>& r, std::size_t i) {
+    return i == 3 ? static_cast<Byte>((r[3] & 0xF0u) | 0x0Au) : r[i];
+}
+
+// <0, 0, >0 as the probe's key form sorts before, with or after `key`.
+int compare_probe(const std::vector<Byte>& probe, const std::vector<Byte>& key) {
+    const std::size_t n = std::min(probe.size(), key.size());
+    for (std::size_t i = 0; i < n; ++i) {
+        const Byte p = key_byte(probe, i);
+        if (p != key[i]) return p < key[i] ? -1 : 1;
+    }
+    return probe.size() < key.size() ? -1 : (probe.size() > key.size() ? 1 : 0);
+}
+}  // namespace
+
+bool CacheKeyLess::operator()(const CacheProbe& a, const std::vector<Byte>& b) const {
+    return compare_probe(a.command, b) < 0;
+}
+
+bool CacheKeyLess::operator()(const std::vector<Byte>& a, const CacheProbe& b) const {
+    return compare_probe(b.command, a) > 0;
 }
 
 }  // namespace devio::vxp

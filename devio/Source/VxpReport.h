@@ -50,6 +50,20 @@ bool is_error_response(const std::vector<Byte>& report, const std::vector<Byte>&
 // The form in which a command or response is a cache key: the software id
 // nibble is always 0xA, so the software id never splits the cache.
 std::vector<Byte> cache_key(std::vector<Byte> report);
+
+// A command looked up in the cache as if in its key form, without making
+// the key: a cache hit then allocates nothing.
+struct CacheProbe {
+    const std::vector<Byte>& command;
+};
+// Orders keys by unsigned bytes, lexicographically; a probe compares as its
+// key form would.
+struct CacheKeyLess {
+    using is_transparent = void;
+    bool operator()(const std::vector<Byte>& a, const std::vector<Byte>& b) const { return a < b; }
+    bool operator()(const CacheProbe& a, const std::vector<Byte>& b) const;
+    bool operator()(const std::vector<Byte>& a, const CacheProbe& b) const;
+};
 }  // namespace vxp
 
 }  // namespace devio
