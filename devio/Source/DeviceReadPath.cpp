@@ -65,8 +65,7 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
     if (feature_based_now && deliver_notification(report)) return ReportNotification;
     if (!feature_based_now && report[2] >= 1 && report[2] <= 0x7F) {
         DEV_LOG(3, "onReadHandler",
-                "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown "
-                "feature");
+                "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown feature");
         return ReportIgnored;
     }
 
@@ -107,8 +106,7 @@ bool Device::complete_pending(const std::vector<Byte>& report) {
     }
     if (!vxp::header_matches(report, pending_command)) {
         DEV_LOG(3, "onReadHandler",
-                "Response with mismatched header does not complete our pending command. "
-                "Continuing decoding... (!)");
+                "Response with mismatched header does not complete our pending command. Continuing decoding... (!)");
     } else if (vxp::payload_matches(report, pending_command, match_indices)) {
         DEV_LOG(3, "onReadHandler", "Report is a Vxp command response");
         hwdev->response_seen(hwdev->response_token());
@@ -116,8 +114,7 @@ bool Device::complete_pending(const std::vector<Byte>& report) {
         return true;
     } else {
         DEV_LOG(3, "onReadHandler",
-                "Response with mismatched payload does not complete our pending command. "
-                "Continuing decoding...");
+                "Response with mismatched payload does not complete our pending command. Continuing decoding...");
     }
     // A device that answers one command late sends the answer to the
     // previous command now; the engine then flushes each answer out.
@@ -153,8 +150,7 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
     DEV_LOG(3, "onReadHandler", "Report is a feature response from other SW using swid 0x%x", sw);
     if (sw == swid()) {
         DEV_LOG(2, "onReadHandler",
-                "Report is an unexpected command response with our swid 0x%x, so we will switch "
-                "our swid",
+                "Report is an unexpected command response with our swid 0x%x, so we will switch our swid",
                 sw);
         switch_swid = true;
         need_ping = true;
@@ -166,8 +162,7 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
         if (inlet != nullptr && active) inlet->unexpected_response(function, sw, params_of(report));
     } else if (sw != 0) {
         DEV_LOG(3, "onReadHandler",
-                "Report is a response to an unknown feature index %02x from other SW using swid "
-                "0x%x, ignoring",
+                "Report is a response to an unknown feature index %02x from other SW using swid 0x%x, ignoring",
                 report[2], sw);
     } else {
         DEV_LOG(3, "onReadHandler", "Report is a notif from an unknown feature at index %02x, ignoring",
