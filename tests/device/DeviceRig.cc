@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <stdexcept>
 
 #include "CDevio.h"
@@ -95,8 +99,28 @@ bool BehindReceiver::on_subscribe(devio::IHardwareDevice::Read* /*subscriber*/) 
     return devio::Subscriber<devio::IHardwareDevice::Read>::subscribe(inner_, 1);
 }
 
+namespace {
+// Devices of one product share a machine-wide lock, as they must; but the
+// test processes that ctest runs side by side each simulate their own
+// machine, so each gets its own lock directory. A child process started
+// from a test inherits it, and so shares the lock as a second program would.
+void use_own_lock_directory() {
+    static const bool done = [] {
+        const char* base = std::getenv("DEVIO_LOCK_DIR");
+        if (base == nullptr) base = std::getenv("TMPDIR");
+        const std::string dir = std::string(base != nullptr ? base : "/tmp") + "/locks-" +
+                                std::to_string(::getpid());
+        ::mkdir(dir.c_str(), 0700);
+        ::setenv("DEVIO_LOCK_DIR", dir.c_str(), 1);
+        return true;
+    }();
+    (void)done;
+}
+}  // namespace
+
 DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* description)
     : machine(description) {
+    use_own_lock_directory();
     // The bus makes the device, as at arrival: its path is then the one
     // that the bus recognises when asked whether the device still exists.
     auto found = machine.bus()->devices();

@@ -201,7 +201,8 @@ TEST(EngineSlow, DeviceThatNeverAnswersFailsAfterElevenPasses) {
     EXPECT_EQ(devio::error_record().sys, 0u);
     // 11 x 3000 ms of waiting, and 20 + 40 + ... + 10240 ms of delays.
     EXPECT_GE(took, 33000 + 20460 - 200);
-    EXPECT_LT(took, 33000 + 20460 + 10 * 500 + 8000);
+    // Jitter adds up to 10 x 499 ms; the rest is slack for a loaded machine.
+    EXPECT_LT(took, 33000 + 20460 + 10 * 500 + 20000);
     const auto sent = rig.rec.sent();
     ASSERT_EQ(sent.size(), 11u);
     EXPECT_EQ(sent[0][3] >> 4, 0) << "the command itself goes out once";
