@@ -22,7 +22,13 @@ constexpr int kBusTypeReceiver = 1;
 
 Device::Device(std::shared_ptr<IHardwareDevice> hw) : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
 
-Device::~Device() = default;
+Device::~Device() {
+    // Our members die before our Subscriber bases would leave the hardware
+    // device's producers: leave them first, which also waits for a delivery
+    // that the read thread is running in us.
+    Subscriber<IHardwareDevice::Read>::unsubscribe(hwdev);
+    Subscriber<IHardwareDevice::Write>::unsubscribe(hwdev);
+}
 
 bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     DEV_LOG(2, "initDevice", "Device::initDevice() enter");
