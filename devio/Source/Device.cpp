@@ -67,6 +67,7 @@ void Device::uninitDevice() {
         std::lock_guard<std::mutex> lock(hw_start_mutex);
         read_subscribed = false;
         hw_started = false;
+        read_path_ready = false;
     }
     hwdev->close();
     DEV_LOG(2, "uninitDevice", "Device::uninitDevice() exit");

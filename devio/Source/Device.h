@@ -38,11 +38,11 @@ namespace devio {
 //   to a feature.
 // - `cache_mutex` guards the cache of responses and is never held with
 //   another lock, so a cache hit costs one uncontended lock.
-// - `hw_start_mutex` guards the start of the hardware side; it may be taken
-//   under `command_mutex`, and is held while subscribing to the hardware
-//   device, which takes that producer's lock. The engine subscribes before
-//   it takes `command_mutex`, since the read thread holds the producer's lock
-//   while it waits for `command_mutex`.
+// - `hw_start_mutex` guards the start of the hardware side and is held while
+//   subscribing to the hardware device, which takes that producer's lock.
+//   The read thread holds the producer's lock while it waits for
+//   `command_mutex`, so the engine starts the read path before it takes
+//   `command_mutex`, and under it only reads `read_path_ready`.
 // The flags that the read thread sets without `command_mutex` are atomic.
 class Device : public IDevice,
                public Producer<IDevice::Report>,
@@ -150,6 +150,7 @@ private:
     bool hw_started = false;
     bool read_subscribed = false;
     std::mutex hw_start_mutex;  // guards hw_started and read_subscribed
+    std::atomic<bool> read_path_ready{false};
 
     // Report routing.
     std::map<std::uint32_t, std::shared_ptr<IFeature>> features;

@@ -43,9 +43,14 @@ bool Device::sendCommand(const std::vector<Byte>& report, bool wait_ready) {
 }
 
 bool Device::ensure_read_path() {
+    // Once in place, the read path is not checked under a lock: the engine
+    // asks for it under `command_mutex`.
+    if (read_path_ready) return true;
     if (!lazy_hw_init()) return false;
     std::lock_guard<std::mutex> lock(hw_start_mutex);
-    return subscribe_read();
+    if (!subscribe_read()) return false;
+    read_path_ready = true;
+    return true;
 }
 
 bool Device::exchange_failed(ErrorCode err, unsigned value) {
