@@ -81,9 +81,9 @@ std::size_t Host::pending(std::chrono::milliseconds settle) {
     return reads_.size();
 }
 
-bool Host::readFailed() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return last_read_error_ != 0;
+bool Host::readFails(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, timeout, [this] { return last_read_error_ != 0; });
 }
 
 Bytes longReport(std::initializer_list<std::uint8_t> head) {

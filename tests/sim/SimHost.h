@@ -71,7 +71,8 @@ public:
     Bytes exchange(const Bytes& request);
     // Reports read so far and not taken; waits `settle` first.
     std::size_t pending(std::chrono::milliseconds settle = 100ms);
-    bool readFailed() const;
+    // Whether the read path has failed (the node hung up), within `timeout`.
+    bool readFails(std::chrono::milliseconds timeout = 3000ms);
     std::shared_ptr<devio::Win32Device> device() { return device_; }
 
     void onRead(std::vector<devio::Byte> report, bool, unsigned sys_error, unsigned) override;

@@ -133,6 +133,10 @@ TEST_F(ReceiverTest, RunTimeEventsNotifyOnlyWithWirelessNotificationsOn) {
         ASSERT_EQ(sim.command(s.command), "ok") << s.command;
         for (const Bytes& r : s.reports) EXPECT_EQ(shortHost.next(), r) << s.command;
     }
+    // Another program clears the flags: the write shows, and events go quiet.
+    ASSERT_EQ(sim.command("overwrite-flags dongle"), "ok");
+    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x80, 0x00, 0, 0, 0}));
+    ASSERT_EQ(sim.command("disconnect kbd"), "ok");
     expectNothingMore();
     EXPECT_EQ(sim.command("pair dongle kbd"), "error: kbd is paired already");
 }

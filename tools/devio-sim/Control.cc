@@ -12,6 +12,7 @@ namespace devio_sim {
 const char* const kControlHelp =
     "plug ID | unplug ID | replug ID | hangup ID\n"
     "connect ID | disconnect ID | pair RECEIVER ID [NUMBER] | unpair ID\n"
+    "overwrite-flags RECEIVER\n"
     "battery ID LEVEL [NEXT [STATUS]]\n"
     "wireless ID RECONNECT CONFIG_NEEDED POWER_SWITCH\n"
     "notify ID FEATURE_ID FUNCTION [BYTE...]\n"
@@ -211,6 +212,7 @@ std::string dispatch(Machine& m, const Args& a) {
     if (cmd == "disconnect") return m.setLink(a.at(1), false);
     if (cmd == "pair") return m.pair(a.at(1), a.at(2), static_cast<int>(a.numberOr(3, 14, 0)));
     if (cmd == "unpair") return m.unpair(a.at(1));
+    if (cmd == "overwrite-flags") return m.overwriteFlags(a.at(1));
     if (cmd == "battery") return battery(m, a);
     if (cmd == "wireless")
         return sendNotification(m, a.at(1), kWirelessStatus, 0, {a.byte(2), a.byte(3), a.byte(4)});

@@ -72,6 +72,27 @@ void take(const json& obj, const char* key, T& out, const std::string& where) {
     }
 }
 
+// Calls `each` for every element of the list at `key`, with its path.
+template <typename F>
+void forEachIn(const json& obj, const char* key, const std::string& where, std::size_t max,
+               F each) {
+    if (!obj.contains(key)) return;
+    const json& list = obj.at(key);
+    const std::string at = where + "." + key;
+    if (!list.is_array() || list.size() > max) {
+        fail(at, "expected a list of at most " + std::to_string(max));
+    }
+    for (std::size_t i = 0; i < list.size(); ++i) each(list[i], at + "[" + std::to_string(i) + "]");
+}
+
+// Calls `each` with the object at `key`, if there is one, and its path.
+template <typename F>
+void withObject(const json& obj, const char* key, const std::string& where, F each) {
+    if (!obj.contains(key)) return;
+    if (!obj.at(key).is_object()) fail(where + "." + key, "expected an object");
+    each(obj.at(key), where + "." + key);
+}
+
 std::vector<Byte> bytes(const json& v, const std::string& where, std::size_t max) {
     if (!v.is_array() || v.size() > max)
         fail(where, "expected at most " + std::to_string(max) + " bytes");
@@ -170,43 +191,27 @@ void parseFirmware(const json& v, DeviceDescription& d, const std::string& where
     d.vxp = vxp == "1.0" ? 1 : 2;
     take(v, "protocol", d.protocol, where);
     take(v, "target_sw", d.target_sw, where);
-    if (v.contains("features")) {
-        const json& list = v.at("features");
-        if (!list.is_array() || list.size() > 254) fail(where + ".features", "expected a list");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            d.features.push_back(
-                parseFeature(list[i], where + ".features[" + std::to_string(i) + "]"));
-        }
-    } else {
+    forEachIn(v, "features", where, 254, [&](const json& f, const std::string& at) {
+        d.features.push_back(parseFeature(f, at));
+    });
+    if (!v.contains("features")) {
         for (std::uint16_t id : kDefaultFeatures) d.features.push_back(FeatureEntry{id});
     }
-    if (v.contains("entities")) {
-        const json& list = v.at("entities");
-        if (!list.is_array()) fail(where + ".entities", "expected a list");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            d.entities.push_back(
-                parseEntity(list[i], where + ".entities[" + std::to_string(i) + "]"));
-        }
-    } else {
-        d.entities.push_back(FirmwareEntity{});
-    }
+    forEachIn(v, "entities", where, 254, [&](const json& e, const std::string& at) {
+        d.entities.push_back(parseEntity(e, at));
+    });
+    if (!v.contains("entities")) d.entities.push_back(FirmwareEntity{});
     d.entity_info.unit_id = stableHash(d.id);
     d.entity_info.pids[0] = d.qid != 0 ? d.qid : d.pid;
-    if (v.contains("entity_info")) {
-        const json& e = v.at("entity_info");
-        const std::string at = where + ".entity_info";
+    withObject(v, "entity_info", where, [&](const json& e, const std::string& at) {
         take(e, "unit_id", d.entity_info.unit_id, at);
         take(e, "transport", d.entity_info.transport, at);
         take(e, "extended_model_id", d.entity_info.extended_model_id, at);
-        if (e.contains("pids")) {
-            const json& pids = e.at("pids");
-            if (!pids.is_array() || pids.size() > 3) fail(at + ".pids", "at most three ids");
-            for (std::size_t i = 0; i < pids.size(); ++i) {
-                d.entity_info.pids[i] =
-                    static_cast<std::uint16_t>(number(pids[i], at + ".pids", 0xFFFF));
-            }
-        }
-    }
+        std::size_t n = 0;
+        forEachIn(e, "pids", at, 3, [&](const json& pid, const std::string& pid_at) {
+            d.entity_info.pids[n++] = static_cast<std::uint16_t>(number(pid, pid_at, 0xFFFF));
+        });
+    });
     d.marketing_name = d.name;
     take(v, "marketing_name", d.marketing_name, where);
     if (v.contains("device_type")) {
@@ -221,18 +226,14 @@ void parseFirmware(const json& v, DeviceDescription& d, const std::string& where
         if (!found) d.device_type = static_cast<Byte>(number(t, where + ".device_type", 0xFF));
     }
     d.friendly.name = d.friendly.default_name = d.marketing_name;
-    if (v.contains("friendly_name")) {
-        const json& f = v.at("friendly_name");
-        const std::string at = where + ".friendly_name";
+    withObject(v, "friendly_name", where, [&](const json& f, const std::string& at) {
         take(f, "name", d.friendly.name, at);
         d.friendly.default_name = d.friendly.name;
         take(f, "default", d.friendly.default_name, at);
         take(f, "max_len", d.friendly.max_len, at);
-    }
+    });
     if (d.friendly.name.size() > d.friendly.max_len) d.friendly.name.resize(d.friendly.max_len);
-    if (v.contains("battery")) {
-        const json& b = v.at("battery");
-        const std::string at = where + ".battery";
+    withObject(v, "battery", where, [&](const json& b, const std::string& at) {
         take(b, "level", d.battery.level, at);
         take(b, "next_level", d.battery.next_level, at);
         take(b, "status", d.battery.status, at);
@@ -240,23 +241,16 @@ void parseFirmware(const json& v, DeviceDescription& d, const std::string& where
         take(b, "flags", d.battery.flags, at);
         take(b, "nominal_life", d.battery.nominal_life, at);
         take(b, "critical_level", d.battery.critical_level, at);
-    }
+    });
     take(v, "cookie", d.cookie, where);
-    if (v.contains("wireless_status")) {
-        const json& w = v.at("wireless_status");
-        const std::string at = where + ".wireless_status";
+    withObject(v, "wireless_status", where, [&](const json& w, const std::string& at) {
         take(w, "reconnect", d.wireless.reconnect, at);
         take(w, "config_needed", d.wireless.config_needed, at);
         take(w, "power_switch", d.wireless.power_switch, at);
-    }
-    if (v.contains("properties")) {
-        const json& list = v.at("properties");
-        if (!list.is_array() || list.size() > 0xFE) fail(where + ".properties", "expected a list");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            d.properties.push_back(
-                parseProperty(list[i], where + ".properties[" + std::to_string(i) + "]"));
-        }
-    }
+    });
+    forEachIn(v, "properties", where, 0xFE, [&](const json& p, const std::string& at) {
+        d.properties.push_back(parseProperty(p, at));
+    });
 }
 
 void parseIdentity(const json& v, std::string& id, std::string& name, std::uint16_t& vid,
@@ -319,19 +313,13 @@ ReceiverDescription parseReceiver(const json& v, const std::string& where) {
         r.collections = {Collection{0xFF00, 1, kShortReportId, kShortReportSize},
                          Collection{0xFF00, 2, kLongReportId, kLongReportSize}};
     }
-    if (v.contains("devices")) {
-        const json& list = v.at("devices");
-        if (!list.is_array()) fail(where + ".devices", "expected a list");
-        std::set<int> slots;
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string at = where + ".devices[" + std::to_string(i) + "]";
-            DeviceDescription d = parseDevice(list[i], at, true);
-            if (d.slot < 0 || d.slot > r.max_devices) fail(at + ".slot", "outside the receiver");
-            if (d.paired && d.slot != 0 && !slots.insert(d.slot).second)
-                fail(at + ".slot", "taken");
-            r.devices.push_back(std::move(d));
-        }
-    }
+    std::set<int> slots;
+    forEachIn(v, "devices", where, 64, [&](const json& dv, const std::string& at) {
+        DeviceDescription d = parseDevice(dv, at, true);
+        if (d.slot < 0 || d.slot > r.max_devices) fail(at + ".slot", "outside the receiver");
+        if (d.paired && d.slot != 0 && !slots.insert(d.slot).second) fail(at + ".slot", "taken");
+        r.devices.push_back(std::move(d));
+    });
     return r;
 }
 
@@ -372,25 +360,15 @@ MachineDescription parseMachine(const std::string& json_text) {
         }
         if (!ids.insert(id).second) fail(where, "id \"" + id + "\" used twice");
     };
-    if (root.contains("devices")) {
-        const json& list = root.at("devices");
-        if (!list.is_array()) fail("devices", "expected a list");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string at = "devices[" + std::to_string(i) + "]";
-            m.devices.push_back(parseDevice(list[i], at, false));
-            unique(m.devices.back().id, at);
-        }
-    }
-    if (root.contains("receivers")) {
-        const json& list = root.at("receivers");
-        if (!list.is_array()) fail("receivers", "expected a list");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string at = "receivers[" + std::to_string(i) + "]";
-            m.receivers.push_back(parseReceiver(list[i], at));
-            unique(m.receivers.back().id, at);
-            for (const DeviceDescription& d : m.receivers.back().devices) unique(d.id, at);
-        }
-    }
+    forEachIn(root, "devices", "machine", 256, [&](const json& v, const std::string& at) {
+        m.devices.push_back(parseDevice(v, at, false));
+        unique(m.devices.back().id, at);
+    });
+    forEachIn(root, "receivers", "machine", 64, [&](const json& v, const std::string& at) {
+        m.receivers.push_back(parseReceiver(v, at));
+        unique(m.receivers.back().id, at);
+        for (const DeviceDescription& d : m.receivers.back().devices) unique(d.id, at);
+    });
     return m;
 }
 

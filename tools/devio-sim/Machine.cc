@@ -181,6 +181,16 @@ std::string Machine::unpair(const std::string& device_id) {
     });
 }
 
+std::string Machine::overwriteFlags(const std::string& receiver_id) {
+    return onServer([&]() -> std::string {
+        Unit* unit = findUnit(receiver_id);
+        if (unit == nullptr || !unit->receiver) return "no receiver " + receiver_id;
+        if (unit->hidraw < 0) return receiver_id + " is not plugged";
+        unit->receiver->flagsOverwrittenByOtherSoftware(*unit->node);
+        return {};
+    });
+}
+
 std::string Machine::withDevice(const std::string& id, const DeviceWork& fn) {
     return onServer([&]() -> std::string {
         if (Unit* unit = findUnit(id); unit != nullptr && unit->device) {

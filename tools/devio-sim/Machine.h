@@ -39,6 +39,7 @@ public:
     std::string setLink(const std::string& device_id, bool up);
     std::string pair(const std::string& receiver_id, const std::string& device_id, int slot);
     std::string unpair(const std::string& device_id);
+    std::string overwriteFlags(const std::string& receiver_id);
 
     // Runs `fn` on the serving thread with the device (corded or paired),
     // its device index on the wire and the node that carries its reports

@@ -52,10 +52,13 @@ void Receiver::onHostReport(const Report& report, Outbox& out) {
     }
     // Errors and notifications coming back at us are no commands.
     if (report[2] == kVxp10ErrorSubId || report[2] == kVxp20ErrorIndex) return;
+    // The receiver answers for a device it cannot reach, as itself.
     if (index == 0 || index > slots_.size() || !slots_[index - 1].device) {
-        out.send(errorReport(report, 1, vxp10::kNoDevice));
+        faults_.respond(
+            report, [&] { return errorReport(report, 1, vxp10::kNoDevice); }, out);
     } else if (!slots_[index - 1].link_up) {
-        out.send(errorReport(report, 1, vxp10::kLinkDown));
+        faults_.respond(
+            report, [&] { return errorReport(report, 1, vxp10::kLinkDown); }, out);
     } else {
         slots_[index - 1].device->command(report, out);
     }
@@ -103,6 +106,11 @@ SimDevice* Receiver::find(const std::string& device_id) {
         if (d->id() == device_id) return d.get();
     }
     return nullptr;
+}
+
+void Receiver::flagsOverwrittenByOtherSoftware(Outbox& out) {
+    register0_ = {0, 0, 0};
+    out.send(Report{kShortReportId, kReceiverIndex, 0x80, 0x00, 0, 0, 0});
 }
 
 std::string Receiver::describe() const {

@@ -29,6 +29,9 @@ public:
     bool pair(const std::string& device_id, int slot, Outbox& out, std::string& why);
     bool unpair(const std::string& device_id, Outbox& out, std::string& why);
     bool setLink(const std::string& device_id, bool up, Outbox& out, std::string& why);
+    // Another program on the host writes zeros to register 0x00: the flags
+    // are cleared, and every host sees the answer to that write.
+    void flagsOverwrittenByOtherSoftware(Outbox& out);
 
     // The device with that id, paired or not; nullptr if unknown here.
     SimDevice* find(const std::string& device_id);

@@ -46,7 +46,7 @@ bool SimNode::open(std::string& why) {
         close();
         return false;
     }
-    loop_.watch(listen_fd_, POLLIN, [this](short) { acceptHost(); });
+    loop_.watch(listen_fd_, POLLIN, [this](short) { acceptPending(); });
     return true;
 }
 
@@ -61,6 +61,7 @@ void SimNode::close() {
 }
 
 void SimNode::hangup() {
+    acceptPending();
     for (int fd : std::set<int>(connections_)) drop(fd);
 }
 
@@ -76,10 +77,12 @@ void SimNode::applyWriteMode(int fd) {
             loop_.setEvents(fd, POLLIN);
             break;
         // Shutting our reading side makes the host's sends fail with EPIPE.
+        // Our side then reads as ended, so it stops asking to read; the
+        // host's hang-up is still reported without asking for it.
         case WriteMode::Fail:
             ::shutdown(fd, SHUT_RD);
+            loop_.setEvents(fd, 0);
             break;
-        // Hang-ups are still reported without asking for them.
         case WriteMode::Stall:
             loop_.setEvents(fd, 0);
             break;
@@ -88,21 +91,27 @@ void SimNode::applyWriteMode(int fd) {
 
 void SimNode::setWriteMode(WriteMode mode) {
     write_mode_ = mode;
+    acceptPending();
     for (int fd : connections_) applyWriteMode(fd);
 }
 
-void SimNode::acceptHost() {
-    const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) return;
-    connections_.insert(fd);
-    loop_.watch(fd, POLLIN, [this, fd](short revents) {
-        if (revents & POLLIN) {
-            readFrom(fd);
-        } else if (revents & (POLLHUP | POLLERR | POLLNVAL)) {
-            drop(fd);
-        }
-    });
-    applyWriteMode(fd);
+// A host whose connect has returned has the node open, whether or not this
+// thread has got round to accepting it: everything sent from then on must
+// reach it. So every send and hang-up first takes in the waiting hosts.
+void SimNode::acceptPending() {
+    if (listen_fd_ < 0) return;
+    for (int fd;
+         (fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+        connections_.insert(fd);
+        loop_.watch(fd, POLLIN, [this, fd](short revents) {
+            if (revents & POLLIN) {
+                readFrom(fd);
+            } else if (revents & (POLLHUP | POLLERR | POLLNVAL)) {
+                drop(fd);
+            }
+        });
+        applyWriteMode(fd);
+    }
 }
 
 void SimNode::readFrom(int fd) {
@@ -145,6 +154,7 @@ Report SimNode::fit(const Report& report, const std::vector<Collection>& collect
 }
 
 void SimNode::broadcast(const Report& report) {
+    acceptPending();
     for (int fd : std::set<int>(connections_)) {
         const ssize_t n = ::send(fd, report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         // A host that does not read loses reports, as with a full hidraw

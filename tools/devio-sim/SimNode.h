@@ -52,7 +52,7 @@ public:
     static Report fit(const Report& report, const std::vector<Collection>& collections);
 
 private:
-    void acceptHost();
+    void acceptPending();
     void readFrom(int fd);
     void drop(int fd);
     void broadcast(const Report& report);

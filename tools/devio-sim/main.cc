@@ -58,10 +58,19 @@ void answer(int fd, Machine& machine, const std::string& line, bool& quit) {
         reply = devio_sim::execute(machine, line);
     }
     reply += "\n\n";
-    [[maybe_unused]] const auto n = ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+    [[maybe_unused]] const auto n = ::write(fd, reply.data(), reply.size());
 }
 
 int serve(const std::string& machine_file, const std::string& dir) {
+    // A control client that has gone must not end the tool.
+    ::signal(SIGPIPE, SIG_IGN);
+    // Signals are taken by the main loop, so they are blocked before the
+    // serving thread starts, which inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
     std::ifstream in(machine_file);
     std::stringstream text;
     text << in.rdbuf();
@@ -84,11 +93,6 @@ int serve(const std::string& machine_file, const std::string& dir) {
         std::cerr << "devio-sim: " << e << "\n";
         return 1;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
     const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC);
     const int control_fd = listenControl(controlPath(root));
     if (control_fd < 0) {
@@ -101,7 +105,16 @@ int serve(const std::string& machine_file, const std::string& dir) {
               << machine.list() << std::flush;
 
     std::map<int, std::string> clients;  // control connections and what they sent so far
+    std::string stdin_pending;
     bool stdin_open = true, quit = false;
+    // Answers every whole line received so far, on `reply_fd`.
+    const auto serveLines = [&](std::string& pending, int reply_fd) {
+        for (std::size_t nl; !quit && (nl = pending.find('\n')) != std::string::npos;) {
+            const std::string line = pending.substr(0, nl);
+            pending.erase(0, nl + 1);
+            answer(reply_fd, machine, line, quit);
+        }
+    };
     while (!quit) {
         std::vector<pollfd> fds{{signal_fd, POLLIN, 0}, {control_fd, POLLIN, 0}};
         if (stdin_open) fds.push_back({STDIN_FILENO, POLLIN, 0});
@@ -114,36 +127,23 @@ int serve(const std::string& machine_file, const std::string& dir) {
         }
         for (std::size_t i = 2; i < fds.size() && !quit; ++i) {
             if (fds[i].revents == 0) continue;
+            const int fd = fds[i].fd;
             char buf[1024];
-            const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-            if (fds[i].fd == STDIN_FILENO) {
+            const ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n <= 0) {
                 // Without a terminal the tool keeps serving: stop it with a
                 // signal or "quit" on the control socket.
-                if (n <= 0) {
+                if (fd == STDIN_FILENO) {
                     stdin_open = false;
-                    continue;
-                }
-                static std::string pending;
-                pending.append(buf, static_cast<std::size_t>(n));
-                for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos && !quit;) {
-                    const std::string line = pending.substr(0, nl);
-                    pending.erase(0, nl + 1);
-                    answer(STDOUT_FILENO, machine, line, quit);
+                } else {
+                    ::close(fd);
+                    clients.erase(fd);
                 }
                 continue;
             }
-            if (n <= 0) {
-                ::close(fds[i].fd);
-                clients.erase(fds[i].fd);
-                continue;
-            }
-            std::string& pending = clients[fds[i].fd];
+            std::string& pending = fd == STDIN_FILENO ? stdin_pending : clients[fd];
             pending.append(buf, static_cast<std::size_t>(n));
-            for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos && !quit;) {
-                const std::string line = pending.substr(0, nl);
-                pending.erase(0, nl + 1);
-                answer(fds[i].fd, machine, line, quit);
-            }
+            serveLines(pending, fd == STDIN_FILENO ? STDOUT_FILENO : fd);
         }
     }
     for (const auto& c : clients) ::close(c.first);
