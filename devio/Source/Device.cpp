@@ -20,7 +20,8 @@ constexpr unsigned kBrbConfigItem = 7;
 constexpr int kBusTypeReceiver = 1;
 }  // namespace
 
-Device::Device(std::shared_ptr<IHardwareDevice> hw) : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
+Device::Device(std::shared_ptr<IHardwareDevice> hw)
+    : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
 
 Device::~Device() {
     // Our members die before our Subscriber bases would leave the hardware
@@ -85,12 +86,15 @@ bool Device::lazy_hw_init() {
     if (hw_started) return true;
     auto manager = manager_.lock();
     if (!Subscriber<IHardwareDevice::Connect>::subscribe(hwdev, DeliveryRunLoop)) {
-        if (manager) manager->report_unreported_error("Device::initDevice subscribe(IHardwareDevice::Connect)");
+        if (manager)
+            manager->report_unreported_error(
+                "Device::initDevice subscribe(IHardwareDevice::Connect)");
         return false;
     }
     const bool there = hwdev->connected();
     if (there && !subscribe_read()) {
-        if (manager) manager->report_unreported_error("Device::initDevice subscribe(IHardwareDevice::Read)");
+        if (manager)
+            manager->report_unreported_error("Device::initDevice subscribe(IHardwareDevice::Read)");
         hwdev->open();
     }
     is_connected = there && active;

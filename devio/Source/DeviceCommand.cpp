@@ -86,8 +86,13 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
     DEV_LOG(3, "sendSynchronousCommand", "sending ping");
     const auto echo = static_cast<Byte>(rand_range(kFirstEchoByte, kLastEchoByte));
     const unsigned id = apply_swid_switch();
-    const std::vector<Byte> report{vxp::kShortReportId, vxp::byte_at(command, 1), 0x00,
-                                   static_cast<Byte>(0x10 | id), 0x00, 0x00, echo};
+    const std::vector<Byte> report{vxp::kShortReportId,
+                                   vxp::byte_at(command, 1),
+                                   0x00,
+                                   static_cast<Byte>(0x10 | id),
+                                   0x00,
+                                   0x00,
+                                   echo};
     std::vector<Byte> answer;
     if (sendSynchronousCommandWithoutRetry(report, answer, kPingMatch, false)) {
         DEV_LOG(3, "sendSynchronousCommand", "ping successful");
@@ -105,17 +110,18 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
         return true;
     }
     DEV_LOG(2, "sendSynchronousCommand",
-            "Device::sendSynchronousCommand exit (false, ping hard error %d)", static_cast<int>(err));
+            "Device::sendSynchronousCommand exit (false, ping hard error %d)",
+            static_cast<int>(err));
     return false;
 }
 
 bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vector<Byte>& out,
                                     int cache_mode, const Match& match) {
-    DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand enter, dev=%s",
-            hw_path.c_str());
+    DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand enter, dev=%s", hw_path.c_str());
     if (command.size() >= 4) {
-        DEV_LOG(3, "sendSynchronousCommand", "sendSynchronousCommand cmd starts with %02x %02x %02x %02x",
-                command[0], command[1], command[2], command[3]);
+        DEV_LOG(3, "sendSynchronousCommand",
+                "sendSynchronousCommand cmd starts with %02x %02x %02x %02x", command[0],
+                command[1], command[2], command[3]);
     }
     // Only constant queries of features are cached; the rest of the index
     // space holds error reports and registers, which are never constant.
@@ -141,7 +147,8 @@ bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vecto
             }
         }
         if (need_fw_check && !do_fwcheck()) {
-            DEV_LOG(1, "sendSynchronousCommand", "before sending command the fw check failed, err=%d",
+            DEV_LOG(1, "sendSynchronousCommand",
+                    "before sending command the fw check failed, err=%d",
                     static_cast<int>(error_record().err));
             cookie = 0;
             return false;

@@ -122,8 +122,9 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
 
     if (initiated_brb_workaround) {
         initiated_brb_workaround = false;
-        DEV_LOG(2, "sendSynchronousCommandWithoutRetry",
-                "Device::_initiated_brb_workaround, returning no response to trigger a quick retry");
+        DEV_LOG(
+            2, "sendSynchronousCommandWithoutRetry",
+            "Device::_initiated_brb_workaround, returning no response to trigger a quick retry");
         return exchange_failed(NoResponse, 0);
     }
     if (abandoned) {

@@ -87,8 +87,8 @@ void DeviceManager::call_event_from_runloop() {
         event.closure();
     } catch (const std::exception& e) {
         // No exception crosses into the host's loop.
-        xLog("DeviceManager", 0, "devio::DeviceManager::call_event_from_runloop",
-             "%s threw: %s", event.name.c_str(), e.what());
+        xLog("DeviceManager", 0, "devio::DeviceManager::call_event_from_runloop", "%s threw: %s",
+             event.name.c_str(), e.what());
     } catch (...) {
         xLog("DeviceManager", 0, "devio::DeviceManager::call_event_from_runloop", "%s threw",
              event.name.c_str());

@@ -64,8 +64,9 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
     const bool feature_based_now = feature_based();
     if (feature_based_now && deliver_notification(report)) return ReportNotification;
     if (!feature_based_now && report[2] >= 1 && report[2] <= 0x7F) {
-        DEV_LOG(3, "onReadHandler",
-                "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown feature");
+        DEV_LOG(
+            3, "onReadHandler",
+            "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown feature");
         return ReportIgnored;
     }
 
@@ -120,7 +121,8 @@ bool Device::complete_pending(const std::vector<Byte>& report) {
     // previous command now; the engine then flushes each answer out.
     if (brb_enabled && !brb_active && vxp::header_matches(report, prev_command) &&
         vxp::payload_matches(report, prev_command, prev_match_indices)) {
-        DEV_LOG(2, "onReadHandler", "Response matches previous command. Activating brb workaround.");
+        DEV_LOG(2, "onReadHandler",
+                "Response matches previous command. Activating brb workaround.");
         brb_active = true;
         initiated_brb_workaround = true;
         finish_exchange_locked(report);
@@ -165,8 +167,8 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
                 "Report is a response to an unknown feature index %02x from other SW using swid 0x%x, ignoring",
                 report[2], sw);
     } else {
-        DEV_LOG(3, "onReadHandler", "Report is a notif from an unknown feature at index %02x, ignoring",
-                report[2]);
+        DEV_LOG(3, "onReadHandler",
+                "Report is a notif from an unknown feature at index %02x, ignoring", report[2]);
     }
     return ReportOtherSoftware;
 }

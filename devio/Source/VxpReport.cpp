@@ -23,7 +23,8 @@ bool payload_matches(const std::vector<Byte>& report, const std::vector<Byte>& c
 
 bool is_error_response(const std::vector<Byte>& report, const std::vector<Byte>& cmd) {
     const Byte kind = byte_at(report, 2);
-    const bool echoes = byte_at(report, 3) == byte_at(cmd, 2) && byte_at(report, 4) == byte_at(cmd, 3);
+    const bool echoes =
+        byte_at(report, 3) == byte_at(cmd, 2) && byte_at(report, 4) == byte_at(cmd, 3);
     if (!echoes) return false;
     if (kind == kVxp10ErrorSubId) {
         // A receiver answers for its devices with index 0 where we wrote

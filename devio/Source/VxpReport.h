@@ -27,8 +27,12 @@ inline Byte byte_at(const std::vector<Byte>& r, std::size_t i) {
     return i < r.size() ? r[i] : Byte{0};
 }
 
-inline unsigned function_of(Byte b) { return b >> 4; }
-inline unsigned swid_of(Byte b) { return b & 0x0Fu; }
+inline unsigned function_of(Byte b) {
+    return b >> 4;
+}
+inline unsigned swid_of(Byte b) {
+    return b & 0x0Fu;
+}
 inline Byte with_swid(Byte b, unsigned swid) {
     return static_cast<Byte>((b & 0xF0u) | (swid & 0x0Fu));
 }

@@ -1,7 +1,6 @@
 #include "DeviceRig.h"
 
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,8 +107,8 @@ void use_own_lock_directory() {
     static const bool done = [] {
         const char* base = std::getenv("DEVIO_LOCK_DIR");
         if (base == nullptr) base = std::getenv("TMPDIR");
-        const std::string dir = std::string(base != nullptr ? base : "/tmp") + "/locks-" +
-                                std::to_string(::getpid());
+        const std::string dir =
+            std::string(base != nullptr ? base : "/tmp") + "/locks-" + std::to_string(::getpid());
         ::mkdir(dir.c_str(), 0700);
         ::setenv("DEVIO_LOCK_DIR", dir.c_str(), 1);
         return true;

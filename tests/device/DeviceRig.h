@@ -31,10 +31,10 @@ class Recorder : public devio::Subscriber<devio::IDevice::WriteReport>,
                  public devio::Subscriber<devio::IDevice::Report> {
 public:
     struct Event {
-        bool is_write;            // onWriteReport, else onReport
-        Bytes report;             // empty for a failed exchange
-        devio::ErrorCode err;     // writes
-        unsigned value;           // writes
+        bool is_write;                    // onWriteReport, else onReport
+        Bytes report;                     // empty for a failed exchange
+        devio::ErrorCode err;             // writes
+        unsigned value;                   // writes
         devio::IDevice::ReportType type;  // reads
         Clock::time_point at;
     };
@@ -104,7 +104,8 @@ public:
     bool verify_connection_following_timeout() override {
         return inner_->verify_connection_following_timeout();
     }
-    void onRead(std::vector<devio::Byte> report, bool rewrite, unsigned sys, unsigned size) override;
+    void onRead(std::vector<devio::Byte> report, bool rewrite, unsigned sys,
+                unsigned size) override;
 
 protected:
     using devio::Producer<devio::IHardwareDevice::Write>::on_subscribe;

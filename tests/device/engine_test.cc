@@ -56,10 +56,10 @@ TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
         bool soft;
     };
     const Case cases[] = {
-        {1, 7, devio::Vxp10Error7, true},     {1, 9, devio::Vxp10Error9, true},
-        {2, 8, devio::Vxp20Error8, true},     {1, 1, devio::Vxp10Error1, false},
-        {1, 12, devio::Vxp10Error12, false},  {1, 13, devio::Vxp10ErrorUnknown, false},
-        {2, 2, devio::Vxp20Error2, false},    {2, 9, devio::Vxp20Error9, false},
+        {1, 7, devio::Vxp10Error7, true},         {1, 9, devio::Vxp10Error9, true},
+        {2, 8, devio::Vxp20Error8, true},         {1, 1, devio::Vxp10Error1, false},
+        {1, 12, devio::Vxp10Error12, false},      {1, 13, devio::Vxp10ErrorUnknown, false},
+        {2, 2, devio::Vxp20Error2, false},        {2, 9, devio::Vxp20Error9, false},
         {2, 10, devio::Vxp20ErrorUnknown, false}, {2, 0x7F, devio::Vxp20ErrorUnknown, false},
     };
     DeviceRig rig;

@@ -30,7 +30,8 @@ void send_pings(devio::Device& dev, std::uint8_t first, int& failed) {
     for (int i = 0; i < kPerSender; ++i) {
         Bytes answer;
         const auto echo = static_cast<std::uint8_t>(first + i);
-        if (!dev.sendSynchronousCommand(ping_report(echo), answer, 0, {2}) || answer.at(6) != echo) {
+        if (!dev.sendSynchronousCommand(ping_report(echo), answer, 0, {2}) ||
+            answer.at(6) != echo) {
             ++failed;
         }
     }

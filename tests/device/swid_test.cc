@@ -102,7 +102,8 @@ TEST(Brb, OneBehindDeviceTriggersTheWorkaroundAndTheRetrySucceeds) {
 
     // All traffic through a receiver shares one machine-wide lock.
     bool found = false;
-    for (const auto& entry : std::filesystem::directory_iterator(devio::NamedMutex::lockDirectory())) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(devio::NamedMutex::lockDirectory())) {
         found |= entry.path().filename() == "devio-VantBraid.lock";
     }
     EXPECT_TRUE(found);
