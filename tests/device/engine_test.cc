@@ -92,6 +92,8 @@ TEST(Engine, MismatchedPayloadDoesNotComplete) {
     Bytes answer;
     ASSERT_TRUE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x21), answer, {2}, true));
     EXPECT_EQ(answer.at(6), 0x21);
+    // The answer's report event follows the waiter's wake-up.
+    ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportResponse, 1));
     rig.rec.clear();
 
     // The device answers the next ping with the previous one's echo.
@@ -122,6 +124,7 @@ TEST(Engine, CachedCommandAnswersWithoutTrafficUnderTheCurrentSwid) {
     ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), first, 1, {}));
     const unsigned swid = rig.dev->swid();
     EXPECT_EQ(first.at(3) & 0x0F, swid);
+    ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportResponse, 1));
 
     rig.sim("unplug mouse");
     rig.rec.clear();

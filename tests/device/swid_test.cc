@@ -51,6 +51,7 @@ TEST(Swid, AnotherProgramOnOurIdMakesUsSwitchAtTheNextPing) {
     EXPECT_EQ(answer.at(3) & 0x0F, 15);
 
     // The cache keeps its entry and answers under the new id.
+    ASSERT_TRUE(rig.rec.wait_reports(IDevice::ReportResponse, 2));
     rig.rec.clear();
     ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 1, {}));
     EXPECT_TRUE(rig.rec.events().empty());
