@@ -76,6 +76,35 @@ std::shared_ptr<IDeviceManager> CDevio::manager() {
     return getimpl();
 }
 
+void CDevio::swid(unsigned value) {
+    xLog("Devio", 2, "devio::CDevio::swid", "CDevio::swid");
+    if (auto manager = getimpl()) manager->swid(value);
+}
+
+unsigned CDevio::swid() {
+    xLog("Devio", 2, "devio::CDevio::swid", "CDevio::swid");
+    auto manager = getimpl();
+    return manager ? manager->swid() : 15;
+}
+
+bool CDevio::is_active() {
+    xLog("Devio", 2, "devio::CDevio::is_active", "CDevio::is_active");
+    auto manager = getimpl();
+    return manager ? manager->is_active() : false;
+}
+
+bool CDevio::config_default(unsigned item, bool* out) {
+    xLog("Devio", 2, "devio::CDevio::config_default", "CDevio::config_default");
+    auto manager = getimpl();
+    return manager ? manager->config_default(item, out) : false;
+}
+
+bool CDevio::config_get(unsigned item, bool* out) {
+    xLog("Devio", 2, "devio::CDevio::config_get", "CDevio::config_get");
+    auto manager = getimpl();
+    return manager ? manager->config_get(item, out) : false;
+}
+
 // The calls below come from the event fabric and from dying objects, also
 // during exit after the exit sequence. They return at once then, without
 // logging: the log facility may be gone too.

@@ -39,6 +39,11 @@ public:
     // to subscribe to the manager's events, such as RunLoopEvent.
     std::shared_ptr<IDeviceManager> manager();
 
+    void swid(unsigned value) override;
+    unsigned swid() override;
+    bool is_active() override;
+    bool config_default(unsigned item, bool* out) override;
+    bool config_get(unsigned item, bool* out) override;
     void report_unreported_error(const char* where) override;
     void enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber, const void* set,
                                    std::string name) override;

@@ -20,6 +20,11 @@ DeviceManager::DeviceManager() {
     xLog("DeviceManager", 2, "devio::DeviceManager::DeviceManager", "using seed %d for random",
          static_cast<int>(seed));
     std::srand(seed);
+    for (unsigned item = 0; item < config_items.size(); ++item) {
+        bool value = false;
+        config_default(item, &value);
+        config_items[item] = value;
+    }
 }
 
 DeviceManager::~DeviceManager() {
@@ -35,6 +40,44 @@ DeviceManager::~DeviceManager() {
     // `CDevio` no longer leads to this manager.
     xLog("DeviceManager", 2, "devio::DeviceManager::~DeviceManager",
          "DeviceManager::~DeviceManager() ... end.");
+}
+
+void DeviceManager::swid(unsigned value) {
+    manager_swid = value & 15;
+}
+
+unsigned DeviceManager::swid() {
+    unsigned current = manager_swid.load();
+    if (current != 0) return current;
+    // Ids 10 to 14 leave the low ones to programs that pick the obvious.
+    const auto drawn = static_cast<unsigned>(std::rand() % 5 + 10);
+    return manager_swid.compare_exchange_strong(current, drawn) ? drawn : current;
+}
+
+bool DeviceManager::config_default(unsigned item, bool* out) {
+    xLog("DeviceManager", 3, "devio::DeviceManager::config_default",
+         "DeviceManager::config_default %d", static_cast<int>(item));
+    if (item >= config_items.size()) {
+        xLog("DeviceManager", 2, "devio::DeviceManager::config_default",
+             "DeviceManager::config_default exit, invalid config item %d", static_cast<int>(item));
+        set_error(InvalidConfigItem);
+        return false;
+    }
+    if (out != nullptr) *out = item == 2 || item == 7;
+    return true;
+}
+
+bool DeviceManager::config_get(unsigned item, bool* out) {
+    xLog("DeviceManager", 3, "devio::DeviceManager::config_get", "DeviceManager::config_get %d",
+         static_cast<int>(item));
+    if (item >= config_items.size()) {
+        xLog("DeviceManager", 2, "devio::DeviceManager::config_get",
+             "DeviceManager::config_get exit, invalid config item %d", static_cast<int>(item));
+        set_error(InvalidConfigItem);
+        return false;
+    }
+    if (out != nullptr) *out = config_items[item].load();
+    return true;
 }
 
 void DeviceManager::report_unreported_error(const char* where) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -35,6 +36,11 @@ public:
     DeviceManager();
     ~DeviceManager() override;
 
+    void swid(unsigned value) override;
+    unsigned swid() override;
+    bool is_active() override { return active.load(); }
+    bool config_default(unsigned item, bool* out) override;
+    bool config_get(unsigned item, bool* out) override;
     void report_unreported_error(const char* where) override;
     void enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber, const void* set,
                                    std::string name) override;
@@ -73,7 +79,12 @@ private:
     // `queue_mutex` held by `lock`.
     void wait_for_running(std::unique_lock<std::mutex>& lock, void* subscriber, const void* set);
 
+    // Devices of every thread ask for the id; the first to find it unset
+    // draws it, and the others must see the same draw.
+    std::atomic<unsigned> manager_swid{0};
+    std::atomic<bool> active{true};
     std::atomic<bool> shutting_down{false};
+    std::array<std::atomic<bool>, 8> config_items{};
     std::list<QueuedEvent> event_queue;
     std::mutex queue_mutex;
     // Pumps asked of the host and not yet made. Late pumps find an empty

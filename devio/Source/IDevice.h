@@ -1,12 +1,17 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Byte.h"
 #include "ErrorCode.h"
 
 namespace devio {
+
+class IDeviceManager;
+class IHardwareBus;
 
 // The logical device that hosts talk to, standing on one hardware device.
 class IDevice {
@@ -75,6 +80,34 @@ public:
     };
 
     virtual ~IDevice() = default;
+
+    virtual bool initDevice(const std::shared_ptr<IDeviceManager>& manager) = 0;
+    virtual void uninitDevice() = 0;
+    virtual bool connected() = 0;
+    virtual bool removed() = 0;
+    virtual int bustype() = 0;
+    virtual int busport() = 0;
+    virtual std::shared_ptr<IHardwareBus> bus() = 0;
+    virtual std::string path() = 0;
+    virtual int pid() = 0;
+    virtual std::string name() = 0;
+    // The software id that our commands carry now.
+    virtual unsigned swid() = 0;
+    virtual int secondary_id() = 0;
+    virtual std::weak_ptr<IDeviceManager> manager() = 0;
+    // Writes one report and does not wait for an answer. `wait_ready` makes
+    // sure first that the read path runs, so that an answer cannot be lost.
+    virtual bool sendCommand(const std::vector<Byte>& report, bool wait_ready) = 0;
+    // One command and its answer, retried over lost answers and software id
+    // collisions. `cache_mode` 1 may answer from the cache of responses.
+    // `match` lists parameter positions that the answer must echo.
+    virtual bool sendSynchronousCommand(const std::vector<Byte>& command,
+                                        std::vector<Byte>& response, int cache_mode,
+                                        const std::vector<std::uint32_t>& match) = 0;
+    // Makes the waiting command and every later one fail with `Abandoned`.
+    virtual void abandon() = 0;
+    virtual int hw_value() = 0;
+    virtual unsigned rand_range(unsigned low, int high) = 0;
 };
 
 // "Report" in the write-report and config-change names is how these events

@@ -78,6 +78,17 @@ public:
 
     virtual ~IDeviceManager() = default;
 
+    // The library-wide software id: the setter keeps the low four bits; the
+    // getter draws one of 10 to 14 when none is set yet.
+    virtual void swid(unsigned value) = 0;
+    virtual unsigned swid() = 0;
+    // False while the host's session is not the active one.
+    virtual bool is_active() = 0;
+    // The eight boolean configuration items, 0 to 7. False, with `err` 76,
+    // for another item; `out` may be null.
+    virtual bool config_default(unsigned item, bool* out) = 0;
+    virtual bool config_get(unsigned item, bool* out) = 0;
+
     // Produces `onUnreportedError` from the calling thread's error record,
     // when it holds an error.
     virtual void report_unreported_error(const char* where) = 0;

@@ -1,0 +1,217 @@
+// The command engine against a simulated mouse, through the real binding:
+// retries over lost answers, error bytes, the cache and abandon.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "DeviceRig.h"
+#include "ErrorRecord.h"
+
+namespace devtest {
+namespace {
+
+using devio::ErrorCode;
+
+TEST(Engine, LostResponseIsRetriedAfterAPing) {
+    DeviceRig rig;
+    rig.sim("fault mouse drop 1");
+    Bytes answer;
+    const auto start = Clock::now();
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    const long long took = ms_since(start);
+    // One time-out of 3000 ms, then a ping after 20 ms plus jitter.
+    EXPECT_GE(took, 2900);
+    EXPECT_LT(took, 8000);
+    EXPECT_EQ(answer.at(4), kCookieIndex);
+
+    const auto sent = rig.rec.sent();
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(sent[0], sent[2]) << "the command goes out again after the ping";
+    EXPECT_EQ(sent[1][2], 0x00);
+    EXPECT_EQ(sent[1][3] >> 4, 1) << "root function 1 is the ping";
+    EXPECT_GE(sent[1][6], 16);
+    EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>{devio::NoResponse});
+}
+
+TEST(Engine, DeviceWithoutFeaturesIsResentWithoutPings) {
+    DeviceRig rig(false);
+    rig.sim("fault mouse drop 2");
+    Bytes answer;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    const auto sent = rig.rec.sent();
+    ASSERT_EQ(sent.size(), 3u);
+    for (const Bytes& s : sent) EXPECT_EQ(s, sent[0]);
+    EXPECT_EQ(rig.rec.failures(), (std::vector<ErrorCode>{devio::NoResponse, devio::NoResponse}));
+    // Without features the software id of the caller is left alone.
+    EXPECT_EQ(sent[0][3] & 0x0F, 0);
+}
+
+TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
+    struct Case {
+        int version;
+        int byte;
+        ErrorCode err;
+        bool soft;
+    };
+    const Case cases[] = {
+        {1, 7, devio::Vxp10Error7, true},         {1, 9, devio::Vxp10Error9, true},
+        {2, 8, devio::Vxp20Error8, true},         {1, 1, devio::Vxp10Error1, false},
+        {1, 12, devio::Vxp10Error12, false},      {1, 13, devio::Vxp10ErrorUnknown, false},
+        {2, 2, devio::Vxp20Error2, false},        {2, 9, devio::Vxp20Error9, false},
+        {2, 10, devio::Vxp20ErrorUnknown, false}, {2, 0x7F, devio::Vxp20ErrorUnknown, false},
+    };
+    DeviceRig rig;
+    for (const Case& c : cases) {
+        SCOPED_TRACE("version " + std::to_string(c.version) + " byte " + std::to_string(c.byte));
+        rig.rec.clear();
+        rig.sim("fault mouse error " + std::to_string(c.version) + " " + std::to_string(c.byte) +
+                " 1");
+        Bytes answer;
+        devio::set_error(devio::Success);
+        const auto start = Clock::now();
+        const bool ok = rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {});
+        EXPECT_LT(ms_since(start), 2500) << "an error report is an answer, not a time-out";
+        EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>{c.err});
+        if (c.soft) {
+            EXPECT_TRUE(ok);
+            EXPECT_EQ(rig.rec.sent().size(), 3u) << "command, ping, command";
+        } else {
+            EXPECT_FALSE(ok);
+            EXPECT_EQ(devio::error_record().err, c.err);
+            EXPECT_EQ(devio::error_record().sys, static_cast<unsigned>(c.byte));
+            EXPECT_EQ(devio::error_record().str, nullptr);
+            EXPECT_EQ(rig.rec.sent().size(), 1u);
+        }
+    }
+}
+
+TEST(Engine, MismatchedPayloadDoesNotComplete) {
+    DeviceRig rig(false);
+    Bytes answer;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x21), answer, {2}, true));
+    EXPECT_EQ(answer.at(6), 0x21);
+    // The answer's report event follows the waiter's wake-up.
+    ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportResponse, 1));
+    rig.rec.clear();
+
+    // The device answers the next ping with the previous one's echo.
+    rig.sim("fault mouse late 1");
+    devio::set_error(devio::Success);
+    const auto start = Clock::now();
+    EXPECT_FALSE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x22), answer, {2}, true));
+    EXPECT_EQ(devio::error_record().err, devio::NoResponse);
+    EXPECT_GE(ms_since(start), 2900);
+    bool stale_seen = false;
+    for (const auto& e : rig.rec.events()) {
+        if (!e.is_write && e.report.at(6) == 0x21) {
+            stale_seen = true;
+            EXPECT_EQ(e.type, devio::IDevice::ReportOtherSoftware);
+        }
+    }
+    EXPECT_TRUE(stale_seen);
+
+    // Without the payload position the same stale answer would have done.
+    rig.sim("fault mouse late 1");
+    ASSERT_TRUE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x23), answer, {}, true));
+    EXPECT_NE(answer.at(6), 0x23);
+}
+
+TEST(Engine, CachedCommandAnswersWithoutTrafficUnderTheCurrentSwid) {
+    DeviceRig rig;
+    Bytes first;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), first, 1, {}));
+    const unsigned swid = rig.dev->swid();
+    EXPECT_EQ(first.at(3) & 0x0F, swid);
+    ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportResponse, 1));
+
+    rig.sim("unplug mouse");
+    rig.rec.clear();
+    Bytes again;
+    const auto start = Clock::now();
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), again, 1, {}));
+    EXPECT_LT(ms_since(start), 100);
+    EXPECT_EQ(again, first);
+    EXPECT_TRUE(rig.rec.events().empty()) << "a cache hit touches nothing";
+
+    // Any software id in the caller's nibble finds the same entry.
+    Bytes other = get_feature_0020();
+    other[3] = 0x07;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(other, again, 1, {}));
+    EXPECT_EQ(again.at(3) & 0x0F, swid);
+
+    // Not asked for the cache, the device must answer: it is gone.
+    EXPECT_FALSE(rig.dev->sendSynchronousCommandWithoutRetry(get_feature_0020(), again, {}, true));
+}
+
+TEST(Engine, AbandonWakesTheWaiterAtOnce) {
+    DeviceRig rig;
+    rig.sim("fault mouse drop on");
+    auto waiter = std::async(std::launch::async, [&] {
+        Bytes answer;
+        const bool ok = rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {});
+        return std::make_pair(ok, devio::error_record().err);
+    });
+    std::this_thread::sleep_for(300ms);
+    const auto start = Clock::now();
+    rig.dev->abandon();
+    const auto [ok, err] = waiter.get();
+    EXPECT_LT(ms_since(start), 1000);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(err, devio::Abandoned);
+
+    rig.rec.clear();
+    Bytes answer;
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    EXPECT_EQ(devio::error_record().err, devio::Abandoned);
+    EXPECT_TRUE(rig.rec.sent().empty()) << "nothing reaches the hardware after abandon";
+}
+
+TEST(Engine, RemovedDeviceFailsWithoutTraffic) {
+    DeviceRig rig;
+    rig.dev->uninitDevice();
+    Bytes answer;
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
+    EXPECT_TRUE(rig.rec.sent().empty());
+}
+
+TEST(Engine, FailedWriteFailsAtOnce) {
+    DeviceRig rig(false);
+    Bytes answer;
+    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    rig.sim("fault mouse writes fail");
+    devio::set_error(devio::Success);
+    const auto start = Clock::now();
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    // The platform's failure is hard: no retries, no time-out.
+    EXPECT_LT(ms_since(start), 1500);
+    const ErrorCode err = devio::error_record().err;
+    EXPECT_NE(err, devio::Success);
+    EXPECT_NE(err, devio::NoResponse);
+}
+
+// Slow by nature: eleven passes of 3000 ms plus the growing ping delays.
+TEST(EngineSlow, DeviceThatNeverAnswersFailsAfterElevenPasses) {
+    DeviceRig rig;
+    rig.sim("fault mouse drop on");
+    Bytes answer;
+    const auto start = Clock::now();
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    const long long took = ms_since(start);
+    EXPECT_EQ(devio::error_record().err, devio::NoResponse);
+    EXPECT_EQ(devio::error_record().sys, 0u);
+    // 11 x 3000 ms of waiting, and 20 + 40 + ... + 10240 ms of delays.
+    EXPECT_GE(took, 33000 + 20460 - 200);
+    // Jitter adds up to 10 x 499 ms; the rest is slack for a loaded machine.
+    EXPECT_LT(took, 33000 + 20460 + 10 * 500 + 20000);
+    const auto sent = rig.rec.sent();
+    ASSERT_EQ(sent.size(), 11u);
+    EXPECT_EQ(sent[0][3] >> 4, 0) << "the command itself goes out once";
+    for (std::size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(sent[i][3] >> 4, 1) << "ping " << i;
+    EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>(11, devio::NoResponse));
+}
+
+}  // namespace
+}  // namespace devtest
