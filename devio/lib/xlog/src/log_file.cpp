@@ -1,6 +1,7 @@
 #include "log_file.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,6 +98,10 @@ void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std
 void LogFile::resetAfterFork(uint32_t processId) {
     new (&mutex_) std::mutex;
     processId_ = processId;
+    // Lines the parent's log thread had formatted but not yet flushed are in
+    // our copy of the stream's buffer; the parent writes them, so the child
+    // must drop them or they would reach the file twice.
+    if (file_ != nullptr) __fpurge(file_);
 }
 
 void LogFile::flush() {
