@@ -122,23 +122,23 @@ std::string SimTree::devicePath(unsigned n) const {
   return p;
 }
 
-Peer& SimTree::addNode(unsigned n, const NodeSpec& spec) {
+Peer& SimTree::addNode(unsigned n, const NodeSpec& node) {
   const std::string num = std::to_string(n);
   const std::string usb = sys_ + "/devices/pci0000:00/usb" + num + "/" + num + "-1";
   const std::string hid = usb + "/" + num + "-1:1.2/0003:2E5A:C5" + num + ".000" + num;
   fs::create_directories(hid + "/hidraw/hidraw" + num);
-  if (!spec.uevent.empty()) std::ofstream(hid + "/uevent") << spec.uevent;
-  if (spec.has_descriptor) {
+  if (!node.uevent.empty()) std::ofstream(hid + "/uevent") << node.uevent;
+  if (node.has_descriptor) {
     std::ofstream(hid + "/report_descriptor", std::ios::binary)
-        .write(reinterpret_cast<const char*>(spec.descriptor.data()), static_cast<std::streamsize>(spec.descriptor.size()));
+        .write(reinterpret_cast<const char*>(node.descriptor.data()), static_cast<std::streamsize>(node.descriptor.size()));
   }
-  if (!spec.product.empty()) std::ofstream(usb + "/product") << spec.product << "\n";
+  if (!node.product.empty()) std::ofstream(usb + "/product") << node.product << "\n";
   std::ofstream(usb + "/bcdDevice") << "1203\n";
   fs::create_directory_symlink("../../../0003:2E5A:C5" + num + ".000" + num,
                                hid + "/hidraw/hidraw" + num + "/device");
   fs::create_directory_symlink(hid + "/hidraw/hidraw" + num, sys_ + "/class/hidraw/hidraw" + num);
   peers_.push_back(std::make_unique<Peer>(dev_ + "/hidraw" + num));
-  if (!spec.socket) ::unlink((dev_ + "/hidraw" + num).c_str());
+  if (!node.socket) ::unlink((dev_ + "/hidraw" + num).c_str());
   return *peers_.back();
 }
 

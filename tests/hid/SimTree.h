@@ -66,7 +66,7 @@ class SimTree {
   SimTree();
   ~SimTree();
 
-  Peer& addNode(unsigned n, const NodeSpec& spec);
+  Peer& addNode(unsigned n, const NodeSpec& node);
   void removeNodeFiles(unsigned n);
   const std::string& sysRoot() const { return sys_; }
   const std::string& devRoot() const { return dev_; }
