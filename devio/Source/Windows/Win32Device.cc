@@ -55,7 +55,7 @@ void Win32Device::close() {
       W32D_LOG(0, "close", "close is being called from the read thread, so detaching read thread instead of joining it");
       // The thread finds a new generation when it returns from its event and
       // touches none of the handles closed below.
-      ++generation_;
+      ++*generation_;
       thread_wanted_ = false;
       read_thread_->detach();
     } else {

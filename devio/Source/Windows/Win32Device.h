@@ -98,7 +98,9 @@ class Win32Device : public IHardwareDevice,
   std::atomic<bool> removed_{false};
   // Each start of the read thread gets a new number; a thread that finds
   // another number has been let go by close and touches nothing more.
-  std::atomic<unsigned> generation_{0};
+  // Shared with the read thread, which may still look at it after close()
+  // from its own event handler let the object go.
+  std::shared_ptr<std::atomic<unsigned>> generation_ = std::make_shared<std::atomic<unsigned>>(0);
 };
 
 }  // namespace devio

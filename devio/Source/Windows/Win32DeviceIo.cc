@@ -34,7 +34,7 @@ void Win32Device::produce_read(std::vector<Byte> report, unsigned sys_error, uns
 
 void Win32Device::read_thread() {
   W32D_LOG(3, "read_thread", "Win32Device::read_thread start");
-  const unsigned generation = generation_.load();
+  const unsigned generation = generation_->load();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     read_thread_id_ = std::this_thread::get_id();
@@ -54,6 +54,7 @@ void Win32Device::read_loop(unsigned generation) {
   std::vector<Byte> buffer(output_report_length_);
   const PlatformHandle handle = handle_;
   const PlatformHandle stop = stop_event_;
+  const std::shared_ptr<std::atomic<unsigned>> current = generation_;
   bool disconnected = false;
   while (thread_wanted_) {
     std::uint32_t sys = 0;
@@ -78,7 +79,7 @@ void Win32Device::read_loop(unsigned generation) {
     produce_read(ok ? buffer : std::vector<Byte>{}, ok ? 0 : sys, static_cast<unsigned>(buffer.size()));
     // close() from the handler let this thread go: nothing of the object is
     // ours any more.
-    if (generation_.load() != generation) return;
+    if (current->load() != generation) return;
     if (destructed_) {
       W32D_LOG(3, "read_thread", "Win32Device::read_thread stopping because destructed (after producing event)");
       thread_wanted_ = false;
@@ -92,7 +93,7 @@ void Win32Device::read_loop(unsigned generation) {
       removed_ = true;
     }
     produce_read({}, kDeviceNotConnected, 0);
-    if (generation_.load() != generation) return;
+    if (current->load() != generation) return;
   }
   thread_ended_ = true;
   W32D_LOG(3, "read_thread", "Win32Device::read_thread end");
