@@ -187,28 +187,23 @@ TEST(XLogProcessTest, ConsoleLinesFollowLevelsTagsAndOutputs) {
     // The log thread's exit line at INFO passes only where the filter lets
     // it: the filter holds until the tags are released after the thread.
     cases[0].err = {startupLine(1, 6), errorsOnly[0], errorsOnly[1], errorsOnly[2]};
-    cases[1].err = {startupLine(1, 6),
-                    bigLine,
-                    "INFO - devio::Probe::formats first\nsecond\nthird",
-                    errorsOnly[0],
-                    errorsOnly[1],
-                    "INFO - devio::Probe::formats -hid- tagged info",
-                    "INFO - devio::Probe::formats -bt- other info",
-                    "DEBUG - devio::Probe::formats untagged debug",
-                    errorsOnly[2],
-                    exitLine};
+    // Everything up to DEBUG, after the startup line of the level in force.
+    auto everyLineAfter = [&](std::string startup) {
+        return std::vector<std::string>{std::move(startup),
+                                        bigLine,
+                                        "INFO - devio::Probe::formats first\nsecond\nthird",
+                                        errorsOnly[0],
+                                        errorsOnly[1],
+                                        "INFO - devio::Probe::formats -hid- tagged info",
+                                        "INFO - devio::Probe::formats -bt- other info",
+                                        "DEBUG - devio::Probe::formats untagged debug",
+                                        errorsOnly[2],
+                                        exitLine};
+    };
+    cases[1].err = everyLineAfter(startupLine(1, 6));
     cases[2].err = {startupLine(1, 6), errorsOnly[0], errorsOnly[1],
                     "INFO - devio::Probe::formats -hid- tagged info", errorsOnly[2]};
-    cases[3].err = {startupLine(3, 6),
-                    bigLine,
-                    "INFO - devio::Probe::formats first\nsecond\nthird",
-                    errorsOnly[0],
-                    errorsOnly[1],
-                    "INFO - devio::Probe::formats -hid- tagged info",
-                    "INFO - devio::Probe::formats -bt- other info",
-                    "DEBUG - devio::Probe::formats untagged debug",
-                    errorsOnly[2],
-                    exitLine};
+    cases[3].err = everyLineAfter(startupLine(3, 6));
     // "-hid" holds back hid above logginglevel only; logTagLevel 4 lets
     // VERBOSE through.
     cases[4].out = {bigLine,
