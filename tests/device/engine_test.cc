@@ -127,11 +127,14 @@ TEST(Engine, CachedCommandAnswersWithoutTrafficUnderTheCurrentSwid) {
     ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportResponse, 1));
 
     rig.sim("unplug mouse");
+    // The failed read of the unplug is reported on its own time; let it land
+    // before watching for traffic.
+    ASSERT_TRUE(rig.rec.wait_reports(devio::IDevice::ReportIgnored, 1));
     rig.rec.clear();
     Bytes again;
     const auto start = Clock::now();
     ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), again, 1, {}));
-    EXPECT_LT(ms_since(start), 100);
+    EXPECT_LT(ms_since(start), 1500) << "far below one time-out: nothing went to the device";
     EXPECT_EQ(again, first);
     EXPECT_TRUE(rig.rec.events().empty()) << "a cache hit touches nothing";
 

@@ -24,6 +24,9 @@ struct Expected {
   std::vector<std::uint8_t> out_ids;
 };
 
+// A case prints as its name; the byte dump gtest would make buries the test list.
+void PrintTo(const Expected& e, std::ostream* os) { *os << e.name; }
+
 class DescriptorCaps : public ::testing::TestWithParam<Expected> {};
 
 TEST_P(DescriptorCaps, MatchesWhatTheDescriptorSays) {
@@ -103,6 +106,8 @@ struct Malformed {
   Bytes bytes;
   const char* error;
 };
+
+void PrintTo(const Malformed& m, std::ostream* os) { *os << m.name; }
 
 class MalformedDescriptor : public ::testing::TestWithParam<Malformed> {};
 

@@ -97,6 +97,8 @@ struct Refusal {
   std::uint32_t sys;
 };
 
+void PrintTo(const Refusal& c, std::ostream* os) { *os << c.name; }
+
 class AcceptanceRule : public Win32DeviceTest, public ::testing::WithParamInterface<Refusal> {};
 
 // Every refusal leaves the object closed, with its code in the thread's record.
@@ -239,6 +241,8 @@ struct BadWrite {
   bool blocking;
   ErrorCode err;
 };
+
+void PrintTo(const BadWrite& c, std::ostream* os) { *os << c.name; }
 
 class WriteRefusal : public Win32DeviceTest, public ::testing::WithParamInterface<BadWrite> {};
 

@@ -30,6 +30,8 @@ struct Layout {
     std::vector<int> sizes;
 };
 
+void PrintTo(const Layout& c, std::ostream* os) { *os << c.name; }
+
 class Layouts : public ::testing::TestWithParam<Layout> {};
 
 // Every layout is accepted by the binding, collection by collection, with
@@ -120,6 +122,8 @@ struct BadMachine {
     const char* json;
     const char* complaint;
 };
+
+void PrintTo(const BadMachine& c, std::ostream* os) { *os << c.name; }
 
 class Refusals : public ::testing::TestWithParam<BadMachine> {};
 

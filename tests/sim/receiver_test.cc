@@ -44,6 +44,8 @@ struct RegisterCase {
     Bytes expected;  // a long answer is read on the long collection
 };
 
+void PrintTo(const RegisterCase& c, std::ostream* os) { *os << c.name; }
+
 class Registers : public ReceiverTest, public ::testing::WithParamInterface<RegisterCase> {};
 
 TEST_P(Registers, AnswerWithTheseBytes) {

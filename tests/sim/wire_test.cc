@@ -32,6 +32,8 @@ struct WireCase {
     Bytes expected;  // from report byte 2 on; the rest must be zero
 };
 
+void PrintTo(const WireCase& c, std::ostream* os) { *os << c.name; }
+
 class Wire : public ::testing::TestWithParam<WireCase> {
 protected:
     static void SetUpTestSuite() { sim = new SimMachine(kMachine); }
