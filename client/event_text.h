@@ -46,7 +46,8 @@ struct EventScan {
 };
 
 // True when `line` takes the quick road; `scan` then describes it. False
-// otherwise, with `scan` unspecified. Has no effect outside `scan`.
+// otherwise, with `scan` unspecified. Has no effect outside `scan`. The scan
+// refers to the bytes of `line`, which must outlive its use.
 bool scanEvent(std::string_view line, EventScan& scan);
 
 // The stamped line for a scanned event: its members with the four stamped
