@@ -78,8 +78,8 @@ void Device::perform_cache_read() {
         DEV_LOG(2, "perform_cache_read", "data cache dir is empty");
         return;
     }
-    const std::string name = feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()),
-                                                      hw_path);
+    const std::string name =
+        feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
     DEV_LOG(3, "perform_cache_read", "Device::perform_cache_read reading file %s", name.c_str());
     std::ifstream in(name, std::ios::binary);
     if (!in) {
@@ -94,8 +94,9 @@ void Device::perform_cache_read() {
         std::lock_guard<std::mutex> lock(cache_mutex);
         // A file without `fw` counts as written for an empty firmware text.
         if (!fwinfo.empty() && fwinfo != doc.fw) {
-            DEV_LOG(2, "perform_cache_read", "cache is incorrect version (%s != %s)... invalidating",
-                    fwinfo.c_str(), doc.fw.c_str());
+            DEV_LOG(2, "perform_cache_read",
+                    "cache is incorrect version (%s != %s)... invalidating", fwinfo.c_str(),
+                    doc.fw.c_str());
             cache_dirty = true;
         } else {
             // What is in memory was asked of this device in this run: it wins.
@@ -126,8 +127,8 @@ void Device::perform_cache_write() {
         DEV_LOG(2, "perform_cache_write", "perform_cache_write: fwinfo is empty");
         return;
     }
-    const std::string name = feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()),
-                                                      hw_path);
+    const std::string name =
+        feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
     if (!replace_file(name, feature_cache::print(fw, hw_path, entries))) return;
     DEV_LOG(2, "perform_cache_write", "wrote feature cache to file %s", name.c_str());
 }

@@ -33,10 +33,12 @@ std::shared_ptr<IFeature> Device::stored_feature(unsigned index) {
 std::shared_ptr<IFeature> Device::put_feature(unsigned index, std::uint32_t id, bool obsolete,
                                               bool hidden, bool engineering, unsigned version) {
     // A host may hold the object already and be subscribed to it: walking
-    // the table again must not put a twin in its place.
+    // the table again must not put a twin in its place. Its record came from
+    // the same table and other threads may be reading it.
     std::shared_ptr<IFeature> feature = stored_feature(index);
-    if (!feature || feature->featureId() != id)
-        feature = createFeature(id, index, weak_from_this().lock());
+    if (feature && feature->featureId() == id) return feature;
+    feature = createFeature(id, index, weak_from_this().lock());
+    // The record is filled in before the object is published in the table.
     if (auto record = feature->sharedFeature()) {
         record->obsolete = obsolete;
         record->hidden = hidden;
@@ -125,8 +127,7 @@ std::shared_ptr<IFeature> Device::load_feature(unsigned id, bool cached) {
     }
     unsigned index = 0, version = 0;
     bool obsolete = false, hidden = false, engineering = false;
-    if (!root_feature->GetFeature(id, &index, &obsolete, &hidden, &engineering, &version,
-                                  cached)) {
+    if (!root_feature->GetFeature(id, &index, &obsolete, &hidden, &engineering, &version, cached)) {
         return nullptr;
     }
     if (index == 0) {
@@ -176,7 +177,8 @@ bool Device::load_features() {
         unsigned id = 0, version = 0;
         bool engineering = false, hidden = false, obsolete = false;
         if (!feature_set->GetFeatureID(index, &id, &engineering, &hidden, &obsolete, &version)) {
-            DEV_LOG(2, "load_features", "Device::load_features fail (no featureSet->GetFeatureID %d)",
+            DEV_LOG(2, "load_features",
+                    "Device::load_features fail (no featureSet->GetFeatureID %d)",
                     static_cast<int>(index));
             return false;
         }

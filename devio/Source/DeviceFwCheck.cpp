@@ -72,8 +72,7 @@ std::string Device::read_fwinfo(bool cached) {
     std::uint32_t fw_type = 0, rdnf = 0;
     std::string prefix, version, build;
     auto ask = [&](unsigned entity) {
-        return info->GetFwInfo(entity, &fw_type, &prefix, &version, &build, &rdnf, nullptr,
-                               cached);
+        return info->GetFwInfo(entity, &fw_type, &prefix, &version, &build, &rdnf, nullptr, cached);
     };
     auto running = [&](unsigned entity) { return ask(entity) && (rdnf & kRunningEntity) != 0; };
     auto text = [&]() { return std::to_string(fw_type) + prefix + version + build; };
@@ -159,9 +158,8 @@ bool Device::do_fwcheck() {
         cache_dirty = true;
     }
     std::shared_ptr<IDevice> self = weak_from_this().lock();
-    Producer<IDevice::Connect>::produce(
-        [self](IDevice::Connect* s) { s->onFirmwareChanged(self); },
-        event_names::DeviceConnect.onFirmwareChanged);
+    Producer<IDevice::Connect>::produce([self](IDevice::Connect* s) { s->onFirmwareChanged(self); },
+                                        event_names::DeviceConnect.onFirmwareChanged);
     // `fwinfo` is empty by now, so the old text always logs empty.
     const std::string old = firmware_text();
     DEV_LOG(1, "do_fwcheck", "do_fwcheck exit, false, FwVersionChanged (old=%s new=%s)",

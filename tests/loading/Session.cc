@@ -65,8 +65,7 @@ void Session::sim(const std::string& line) {
 }
 
 std::string Session::cache_file() const {
-    return devio::feature_cache::file_name(cache_dir, static_cast<unsigned>(hw->pid()),
-                                           hw->path());
+    return devio::feature_cache::file_name(cache_dir, static_cast<unsigned>(hw->pid()), hw->path());
 }
 
 std::string read_file(const std::string& name) {

@@ -35,8 +35,8 @@ const char* const kPlantedAnswer = "10FF000A7E0000";
 constexpr unsigned kPlantedIndex = 0x7E;
 
 std::string document(const std::string& fw_attribute, const std::string& commands) {
-    return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<cache " + fw_attribute +
-           " path=\"p\">\n" + commands + "</cache>\n";
+    return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<cache " + fw_attribute + " path=\"p\">\n" +
+           commands + "</cache>\n";
 }
 std::string command(const std::string& cmd, const std::string& rsp) {
     return "\t<command cmd=\"" + cmd + "\" rsp=\"" + rsp + "\"/>\n";
@@ -47,8 +47,8 @@ std::string command(const std::string& cmd, const std::string& rsp) {
 unsigned index_of_0020(devio::Device& dev) {
     auto* root = dynamic_cast<devio::IFeature0000Root*>(dev.feature_by_id(0).get());
     unsigned index = 0;
-    if (root == nullptr || !root->GetFeature(0x0020, &index, nullptr, nullptr, nullptr, nullptr,
-                                             true)) {
+    if (root == nullptr ||
+        !root->GetFeature(0x0020, &index, nullptr, nullptr, nullptr, nullptr, true)) {
         ADD_FAILURE() << "GetFeature failed, err " << devio::error_record().err;
     }
     return index;
@@ -62,7 +62,8 @@ TEST(CacheFile, NameHashAndHex) {
     EXPECT_EQ(fc::file_name("/d/", 0xC08B, "a"), "/d/C08B_8601EC8C.xml");
     EXPECT_EQ(fc::file_name("/d/", 0xC08B, ""), "/d/C08B_84222325.xml");
     EXPECT_EQ(fc::file_name("/d/", 0x0A1, "foobar"), "/d/A1_F73967E8.xml") << "no leading zeros";
-    EXPECT_NE(fc::file_name("/d/", 0xC08B, "/dev/hidraw1"), fc::file_name("/d/", 0xC08B, "/dev/hidraw2"));
+    EXPECT_NE(fc::file_name("/d/", 0xC08B, "/dev/hidraw1"),
+              fc::file_name("/d/", 0xC08B, "/dev/hidraw2"));
 
     EXPECT_EQ(fc::to_hex({0x00, 0x0A, 0xFF, 0x5c}), "000AFF5C");
     struct Case {
@@ -70,9 +71,12 @@ TEST(CacheFile, NameHashAndHex) {
         Bytes want;
     };
     const Case cases[] = {
-        {"10FF0A", {0x10, 0xFF, 0x0A}},  {"10ff0a", {0x10, 0xFF, 0x0A}},
-        {"10FG0A", {0x10, 0x0A}},        {"10F", {0x10}},
-        {"1", {}},                       {"", {}},
+        {"10FF0A", {0x10, 0xFF, 0x0A}},
+        {"10ff0a", {0x10, 0xFF, 0x0A}},
+        {"10FG0A", {0x10, 0x0A}},
+        {"10F", {0x10}},
+        {"1", {}},
+        {"", {}},
         {"G10F", {0x0F}} /* pairs, not a scan: "G1" goes, "0F" stays */,
         {"10 F0A", {0x10, 0x0A}},
     };
@@ -91,8 +95,8 @@ TEST(CacheFile, WrittenAtTheEndInItsExactFormAndRoundTripsByteForByte) {
     std::getline(lines, line);
     EXPECT_EQ(line, R"(<?xml version="1.0" encoding="utf-8"?>)");
     std::getline(lines, line);
-    EXPECT_EQ(line, "<cache fw=\"" + std::string(kDozenFirmware) + "\" path=\"" + s.hw->path() +
-                        "\">");
+    EXPECT_EQ(line,
+              "<cache fw=\"" + std::string(kDozenFirmware) + "\" path=\"" + s.hw->path() + "\">");
     const std::regex entry("\t<command cmd=\"((?:[0-9A-F]{2})+)\" rsp=\"((?:[0-9A-F]{2})+)\"/>");
     std::vector<Bytes> keys;
     while (std::getline(lines, line) && line != "</cache>") {
@@ -143,8 +147,8 @@ TEST(CacheFile, DamagedEntriesAreSkippedAndTheRestIsTaken) {
         {"missing rsp", document(fw, "\t<command cmd=\"10FF000A0020\"/>\n"), kRealIndex},
         {"missing cmd", document(fw, "\t<command rsp=\"10FF000A7E0000\"/>\n"), kRealIndex},
         {"missing attribute spares the next entry",
-         document(fw, "\t<command cmd=\"10FF000A0020\"/>\n" +
-                          command(kGetFeature0020, kPlantedAnswer)),
+         document(fw,
+                  "\t<command cmd=\"10FF000A0020\"/>\n" + command(kGetFeature0020, kPlantedAnswer)),
          kPlantedIndex},
         {"no cache element", "<?xml version=\"1.0\"?>\n<other/>\n", kRealIndex},
         {"empty file", "", kRealIndex},
