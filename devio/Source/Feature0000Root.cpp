@@ -16,10 +16,7 @@ constexpr std::size_t kFeatureRecordSize = 3;
 constexpr std::size_t kVersionSize = 3;
 constexpr std::size_t kPingPosition = 2;
 
-std::shared_ptr<IFeature> make(Byte index, const std::shared_ptr<IDevice>& device) {
-    return std::make_shared<Feature0000Root>(index, device);
-}
-const FeatureRegistrar registrar(Feature0000Root::kId, &make);
+const FeatureRegistrar registrar(Feature0000Root::kId, &makeFeature<Feature0000Root>);
 std::atomic<bool> included{false};
 }  // namespace
 

@@ -11,10 +11,7 @@ constexpr unsigned kGetCount = 0;
 constexpr unsigned kGetFeatureId = 1;
 constexpr std::size_t kFeatureRecordSize = 4;
 
-std::shared_ptr<IFeature> make(Byte index, const std::shared_ptr<IDevice>& device) {
-    return std::make_shared<Feature0001FeatureSet>(index, device);
-}
-const FeatureRegistrar registrar(Feature0001FeatureSet::kId, &make);
+const FeatureRegistrar registrar(Feature0001FeatureSet::kId, &makeFeature<Feature0001FeatureSet>);
 std::atomic<bool> included{false};
 }  // namespace
 

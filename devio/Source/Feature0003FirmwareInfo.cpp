@@ -42,10 +42,8 @@ bool isBootloaderPrefix(const std::string& p) {
     return p == "BOT" || p == "BL";
 }
 
-std::shared_ptr<IFeature> make(Byte index, const std::shared_ptr<IDevice>& device) {
-    return std::make_shared<Feature0003FirmwareInfo>(index, device);
-}
-const FeatureRegistrar registrar(Feature0003FirmwareInfo::kId, &make);
+const FeatureRegistrar registrar(Feature0003FirmwareInfo::kId,
+                                 &makeFeature<Feature0003FirmwareInfo>);
 std::atomic<bool> included{false};
 }  // namespace
 

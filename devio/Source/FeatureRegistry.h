@@ -20,6 +20,12 @@ using FeatureFactory = std::shared_ptr<IFeature> (*)(Byte index,
 // exists whichever unit registers first; registration runs before `main`.
 std::map<std::int32_t, FeatureFactory>& featureRegistry();
 
+// The factory of a feature class `T` constructed from (index, device).
+template <class T>
+std::shared_ptr<IFeature> makeFeature(Byte index, const std::shared_ptr<IDevice>& device) {
+    return std::make_shared<T>(index, device);
+}
+
 // A static object of this class in a feature's unit registers the feature.
 class FeatureRegistrar {
 public:

@@ -3,8 +3,13 @@
 // traffic reaches a feature's subscribers and its own hook.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <optional>
+#include <thread>
 #include <typeinfo>
 
 #include "Feature.h"
@@ -14,6 +19,7 @@
 #include "FeatureBench.h"
 #include "IFeature0001FeatureSet.h"
 #include "IFeature0003FirmwareInfo.h"
+#include "xlog.h"
 
 namespace devtest {
 namespace {
@@ -241,17 +247,68 @@ TEST(Framework, RegistryMakesEachKnownClassAndPlainFeaturesOtherwise) {
         devio::createFeature(0x0003, 2, s.dev)));
 
     // An id without a class: a plain feature, and one empty entry left
-    // behind, once.
+    // behind, once. (An id this process has not asked for yet, so that the
+    // test can run again in one process.)
+    std::int32_t id = 0xBEEF;
+    while (registry.count(id) != 0) ++id;
     const std::size_t size = registry.size();
-    auto unknown = devio::createFeature(0xBEEF, 0x300, s.dev);
+    auto unknown = devio::createFeature(static_cast<std::uint32_t>(id), 0x300, s.dev);
     ASSERT_TRUE(unknown);
     EXPECT_EQ(typeid(*unknown), typeid(devio::Feature));
-    EXPECT_EQ(unknown->featureId(), 0xBEEFu);
+    EXPECT_EQ(unknown->featureId(), static_cast<std::uint32_t>(id));
     EXPECT_EQ(unknown->featureIndex(), 0x00u) << "the index is a byte";
     EXPECT_EQ(registry.size(), size + 1);
-    EXPECT_EQ(registry.at(0xBEEF), nullptr);
-    devio::createFeature(0xBEEF, 1, s.dev);
+    EXPECT_EQ(registry.at(id), nullptr);
+    devio::createFeature(static_cast<std::uint32_t>(id), 1, s.dev);
     EXPECT_EQ(registry.size(), size + 1);
+}
+
+// This process's log lines containing `text`, once `marker` has been
+// written; empty if the marker never shows. The log thread flushes its file
+// after 10 s without new lines, so this takes that long.
+std::optional<std::size_t> countLoggedAfter(const std::string& marker, const std::string& text) {
+    const char* tmp = std::getenv("TMPDIR");
+    const std::filesystem::path folder =
+        std::filesystem::path(tmp != nullptr ? tmp : "/tmp") / "xlog_vantrel";
+    const std::string ours = "_" + std::to_string(::getpid()) + "_";
+    const auto deadline = Clock::now() + 40s;
+    while (Clock::now() < deadline) {
+        std::this_thread::sleep_for(200ms);
+        std::size_t count = 0;
+        bool marked = false;
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(folder, ec)) {
+            if (entry.path().filename().string().find(ours) == std::string::npos) continue;
+            std::ifstream in(entry.path());
+            for (std::string line; std::getline(in, line);) {
+                count += line.find(text) != std::string::npos;
+                marked = marked || line.find(marker) != std::string::npos;
+            }
+        }
+        if (marked) return count;
+    }
+    return std::nullopt;
+}
+
+// Every unit that includes a feature's interface holds a force-inclusion
+// object; the feature says once that it is in.
+TEST(Framework, InclusionIsLoggedOncePerFeature) {
+    for (int i = 0; i < 3; ++i) {
+        devio::IFeatureForceInclusion0000 again0;
+        devio::IFeatureForceInclusion0001 again1;
+        devio::IFeatureForceInclusion0003 again3;
+    }
+    static int round = 0;
+    const std::string marker =
+        "inclusion check " + std::to_string(::getpid()) + "." + std::to_string(++round);
+    devio::xLog("FeatureTest", 0, "devtest::InclusionIsLoggedOncePerFeature", "%s", marker.c_str());
+    for (const char* text : {"Devio: Feature0000 included", "Devio: Feature0001 included",
+                             "Devio: Feature0003 included"}) {
+        SCOPED_TRACE(text);
+        const auto count = countLoggedAfter(marker, text);
+        ASSERT_TRUE(count.has_value()) << "the log never showed the marker";
+        EXPECT_EQ(*count, 1u);
+    }
 }
 
 TEST(Framework, FeatureOfAGoneDeviceFailsEveryCall) {
