@@ -51,7 +51,6 @@ public:
     // `limit`, killing the process.
     int wait(std::chrono::seconds limit = std::chrono::seconds(120));
     const std::string& output() const { return output_; }
-    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
@@ -73,6 +72,8 @@ bool exitedCleanly(int status);  // exit code 0
 bool aborted(int status);        // ended by a signal
 
 std::string readFile(const std::string& path);
+// first, first + 1, ... : `count` numbers.
+std::vector<int> range(int first, int count);
 void writeFile(const std::string& path, const std::string& content);
 std::vector<std::string> readLines(const std::string& path);
 size_t countLines(const std::string& path);
