@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <cctype>
 #include <filesystem>
 #include <stdexcept>
 
@@ -93,9 +94,25 @@ bool Host::readFails(std::chrono::milliseconds timeout) {
     return cv_.wait_for(lock, timeout, [this] { return last_read_error_ != 0; });
 }
 
-Bytes longReport(std::initializer_list<std::uint8_t> head) {
-    Bytes r(head);
-    r.resize(20, 0);
+Bytes hex(const std::string& text, std::size_t size) {
+    Bytes r;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == ' ') continue;
+        if (text[i] == '\'') {
+            const std::size_t end = text.find('\'', i + 1);
+            if (end == std::string::npos) throw std::invalid_argument("unclosed quote: " + text);
+            r.insert(r.end(), text.begin() + i + 1, text.begin() + end);
+            i = end;
+            continue;
+        }
+        if (i + 1 >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i])) ||
+            !std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
+            throw std::invalid_argument("not a hex pair at " + std::to_string(i) + ": " + text);
+        }
+        r.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+        ++i;
+    }
+    if (size > r.size()) r.resize(size, 0);
     return r;
 }
 

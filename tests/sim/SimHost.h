@@ -73,7 +73,6 @@ public:
     std::size_t pending(std::chrono::milliseconds settle = 100ms);
     // Whether the read path has failed (the node hung up), within `timeout`.
     bool readFails(std::chrono::milliseconds timeout = 3000ms);
-    std::shared_ptr<devio::Win32Device> device() { return device_; }
 
     void onRead(std::vector<devio::Byte> report, bool, unsigned sys_error, unsigned) override;
 
@@ -85,8 +84,10 @@ private:
     unsigned last_read_error_ = 0;  // guarded by mutex_
 };
 
-// Reports are written out in full in the tests: short ones are 7 bytes,
-// long ones 20, as the wire carries them.
-Bytes longReport(std::initializer_list<std::uint8_t> head);
+// Reports are written out in full in the tests, short ones 7 bytes and
+// long ones 20, as the wire carries them, from text: hex pairs, and
+// 'quoted' text for its ASCII bytes, e.g. "11 FF 02 1A 00 'MPM' 12";
+// padded with zeros to `size` when that is given.
+Bytes hex(const std::string& text, std::size_t size = 0);
 
 }  // namespace simtest

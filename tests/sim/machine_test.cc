@@ -20,69 +20,53 @@
 namespace simtest {
 namespace {
 
-struct Layout {
-    const char* name;
-    const char* collections;  // JSON, empty for the default
-    const char* bus;
-    std::vector<std::string> suffixes;
-    std::vector<int> ids;
-    int expected;
-    std::vector<int> sizes;
-};
-
-void PrintTo(const Layout& c, std::ostream* os) { *os << c.name; }
-
-class Layouts : public ::testing::TestWithParam<Layout> {};
-
 // Every layout is accepted by the binding, collection by collection, with
 // the facts that the combiner needs.
-TEST_P(Layouts, AcceptedByTheBinding) {
-    const Layout& l = GetParam();
-    std::string device = R"({"id": "dev", "name": "Sim Device", "pid": "0xB021", "bus": ")" +
-                         std::string(l.bus) + "\"";
-    if (*l.collections != 0) device += std::string(", \"collections\": ") + l.collections;
-    SimMachine sim(R"({"devices": [)" + device + "}]}");
-    const auto found = sim.bus()->devices();
-    ASSERT_EQ(found.size(), l.suffixes.size());
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        SCOPED_TRACE(i);
-        // Paths are lower case, whatever the case of the machine's folder.
-        std::string want = sim.path(0, l.suffixes[i]);
-        for (char& c : want) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        EXPECT_EQ(found[i]->path(), want);
-        ASSERT_TRUE(found[i]->open()) << devio::error_record().err;
-        EXPECT_EQ(found[i]->pid(), 0xB021);
-        EXPECT_EQ(found[i]->name(), "Sim Device");
-        EXPECT_EQ(found[i]->collection_id(), l.ids[i]);
-        EXPECT_EQ(found[i]->collections_expected(), l.expected);
-        EXPECT_EQ(found[i]->max_report_size(), l.sizes[i]);
-        EXPECT_EQ(found[i]->combine_key(), found[0]->combine_key());
-        found[i]->close();
+TEST(Machine, LayoutsAcceptedByTheBinding) {
+    const char* const split = R"([{"usage_page": "0xFF00", "usage": 1, "report_id": 16, "size": 7},
+        {"usage_page": "0xFF00", "usage": 2, "report_id": 17, "size": 20}])";
+    const char* const masked = R"([{"usage_page": "0xFF43", "usage": "0x0301", "report_id": 16,
+        "size": 7}, {"usage_page": "0xFF43", "usage": "0x0302", "report_id": 17, "size": 20}])";
+    struct Layout {
+        const char* name;
+        const char* collections;  // JSON, empty for the default
+        const char* bus;
+        std::vector<std::string> suffixes;
+        std::vector<int> ids;
+        int expected;
+        std::vector<int> sizes;
+    };
+    const Layout layouts[] = {
+        {"long", "", "usb", {""}, {2}, 2, {20}},
+        {"bluetooth", "", "bluetooth", {""}, {2}, 2, {20}},
+        {"split", split, "usb", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
+        {"masked", masked, "usb", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
+    };
+    for (const Layout& l : layouts) {
+        SCOPED_TRACE(l.name);
+        std::string device = R"({"id": "dev", "name": "Sim Device", "pid": "0xB021", "bus": ")" +
+                             std::string(l.bus) + "\"";
+        if (*l.collections != 0) device += std::string(", \"collections\": ") + l.collections;
+        SimMachine sim(R"({"devices": [)" + device + "}]}");
+        const auto found = sim.bus()->devices();
+        ASSERT_EQ(found.size(), l.suffixes.size());
+        for (std::size_t i = 0; i < found.size(); ++i) {
+            SCOPED_TRACE(i);
+            // Paths are lower case, whatever the case of the machine's folder.
+            std::string want = sim.path(0, l.suffixes[i]);
+            for (char& c : want) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            EXPECT_EQ(found[i]->path(), want);
+            ASSERT_TRUE(found[i]->open()) << devio::error_record().err;
+            EXPECT_EQ(found[i]->pid(), 0xB021);
+            EXPECT_EQ(found[i]->name(), "Sim Device");
+            EXPECT_EQ(found[i]->collection_id(), l.ids[i]);
+            EXPECT_EQ(found[i]->collections_expected(), l.expected);
+            EXPECT_EQ(found[i]->max_report_size(), l.sizes[i]);
+            EXPECT_EQ(found[i]->combine_key(), found[0]->combine_key());
+            found[i]->close();
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Machine, Layouts,
-    ::testing::Values(
-        Layout{"long", "", "usb", {""}, {2}, 2, {20}},
-        Layout{"bluetooth", "", "bluetooth", {""}, {2}, 2, {20}},
-        Layout{"split",
-               R"([{"usage_page": "0xFF00", "usage": 1, "report_id": 16, "size": 7},
-                   {"usage_page": "0xFF00", "usage": 2, "report_id": 17, "size": 20}])",
-               "usb",
-               {"#col1", "#col2"},
-               {1, 2},
-               3,
-               {7, 20}},
-        Layout{"masked",
-               R"([{"usage_page": "0xFF43", "usage": "0x0301", "report_id": 16, "size": 7},
-                   {"usage_page": "0xFF43", "usage": "0x0302", "report_id": 17, "size": 20}])",
-               "usb",
-               {"#col1", "#col2"},
-               {1, 2},
-               3,
-               {7, 20}}),
-    [](const auto& p) { return std::string(p.param.name); });
 
 // On a device in pieces an answer goes out on the collection that fits it.
 TEST(Machine, PiecesCarryAnswersThatFitThem) {
@@ -117,46 +101,32 @@ TEST(Machine, PlugWhileRunningTakesTheLowestFreeNode) {
     found[0]->close();
 }
 
-struct BadMachine {
-    const char* name;
-    const char* json;
-    const char* complaint;
-};
-
-void PrintTo(const BadMachine& c, std::ostream* os) { *os << c.name; }
-
-class Refusals : public ::testing::TestWithParam<BadMachine> {};
-
-TEST_P(Refusals, NameTheField) {
-    try {
-        devio_sim::parseMachine(GetParam().json);
-        FAIL() << "accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find(GetParam().complaint), std::string::npos) << e.what();
+TEST(Machine, RefusedDescriptionsNameTheField) {
+    const std::pair<const char*, const char*> refused[] = {
+        {"{", "not JSON"},
+        {R"({"devices": [{"pid": 1}]})", "devices[0]: needs an id"},
+        {R"({"devices": [{"id": "a"}, {"id": "a"}]})", "used twice"},
+        {R"({"devices": [{"id": "a", "pid": "0xZZ"}]})", "devices[0].pid"},
+        {R"({"devices": [{"id": "a", "pid": 70000}]})", "out of range"},
+        {R"({"devices": [{"id": "a", "vxp": "3.0"}]})", "devices[0].vxp"},
+        {R"({"devices": [{"id": "a", "collections": [{"report_id": 17}, {"report_id": 17}]}]})",
+         "report id used twice"},
+        {R"({"receivers": [{"id": "r", "devices": [{"id": "k"}]}]})", "needs a qid"},
+        {R"({"receivers": [{"id": "r", "pid": "0xA104", "devices": [{"id": "k", "qid": 1,
+            "slot": 2}]}]})",
+         "outside the receiver"},
+        {R"({"devices": [{"id": "a", "entities": [{"prefix": "ABCD"}]}]})", "prefix"},
+    };
+    for (const auto& [json, complaint] : refused) {
+        try {
+            devio_sim::parseMachine(json);
+            ADD_FAILURE() << "accepted: " << json;
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(complaint), std::string::npos)
+                << e.what() << " for " << json;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Machine, Refusals,
-    ::testing::Values(
-        BadMachine{"not_json", "{", "not JSON"},
-        BadMachine{"no_id", R"({"devices": [{"pid": 1}]})", "devices[0]: needs an id"},
-        BadMachine{"twice", R"({"devices": [{"id": "a"}, {"id": "a"}]})", "used twice"},
-        BadMachine{"bad_number", R"({"devices": [{"id": "a", "pid": "0xZZ"}]})", "devices[0].pid"},
-        BadMachine{"too_big", R"({"devices": [{"id": "a", "pid": 70000}]})", "out of range"},
-        BadMachine{"vxp", R"({"devices": [{"id": "a", "vxp": "3.0"}]})", "devices[0].vxp"},
-        BadMachine{
-            "report_twice",
-            R"({"devices": [{"id": "a", "collections": [{"report_id": 17}, {"report_id": 17}]}]})",
-            "report id used twice"},
-        BadMachine{"no_qid", R"({"receivers": [{"id": "r", "devices": [{"id": "k"}]}]})",
-                   "needs a qid"},
-        BadMachine{"slot", R"({"receivers": [{"id": "r", "pid": "0xA104",
-                                 "devices": [{"id": "k", "qid": 1, "slot": 2}]}]})",
-                   "outside the receiver"},
-        BadMachine{"prefix", R"({"devices": [{"id": "a", "entities": [{"prefix": "ABCD"}]}]})",
-                   "prefix"}),
-    [](const auto& p) { return std::string(p.param.name); });
 
 class Tool : public ::testing::TestWithParam<bool> {};
 

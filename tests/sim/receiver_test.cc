@@ -15,18 +15,15 @@ const char* const kMachine = R"({"receivers": [
     {"id": "ball", "name": "Sim Trackball", "qid": "0x4C02", "slot": 3, "connected": false},
     {"id": "spare", "name": "Spare", "qid": "0x4D11", "paired": false}]}]})";
 
-// Byte 3 of this product's arrival reports.
-constexpr std::uint8_t kProtocolByte = 0x0C;
-
 class ReceiverTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(shortHost.open());
         ASSERT_TRUE(longHost.open());
     }
-    void enableNotifications() {
-        ASSERT_EQ(shortHost.exchange({0x10, 0xFF, 0x80, 0x00, 0, 0x01, 0}),
-                  Bytes({0x10, 0xFF, 0x80, 0x00, 0, 0, 0}));
+    // The short reports read next, in this order.
+    void expectReads(std::initializer_list<const char*> reports) {
+        for (const char* r : reports) EXPECT_EQ(shortHost.next(), hex(r)) << r;
     }
     void expectNothingMore() {
         EXPECT_EQ(shortHost.pending(), 0u);
@@ -38,127 +35,96 @@ protected:
     Host longHost{sim, sim.path(0, "#col2")};
 };
 
-struct RegisterCase {
-    const char* name;
-    Bytes request;
-    Bytes expected;  // a long answer is read on the long collection
-};
-
-void PrintTo(const RegisterCase& c, std::ostream* os) { *os << c.name; }
-
-class Registers : public ReceiverTest, public ::testing::WithParamInterface<RegisterCase> {};
-
-TEST_P(Registers, AnswerWithTheseBytes) {
-    const RegisterCase& c = GetParam();
-    ASSERT_TRUE(shortHost.write(c.request));
-    Host& reader = c.expected.size() == 20 ? longHost : shortHost;
-    EXPECT_EQ(reader.next().value_or(Bytes{}), c.expected);
-    expectNothingMore();
+TEST_F(ReceiverTest, RegistersAnswerWithTheseBytes) {
+    struct Case {
+        const char* name;
+        const char* request;
+        const char* answer;  // a long answer is read on the long collection
+        bool isLong = false;
+    };
+    const Case cases[] = {
+        {"flags", "10 FF 81 00 00 00 00", "10 FF 81 00 00 00 00"},
+        {"paired_count", "10 FF 81 02 00 00 00", "10 FF 81 02 00 02 00"},
+        {"register3", "10 FF 81 03 00 00 00", "10 FF 81 03 00 00 00"},
+        {"unknown_register", "10 FF 81 07 00 00 00", "10 FF 8F 81 07 02 00"},
+        {"bad_connection_request", "10 FF 80 02 05 00 00", "10 FF 8F 80 02 03 00"},
+        {"feature_probe", "10 FF 00 1A 00 00 33", "10 FF 8F 00 1A 01 00"},
+        {"slot_status", "10 FF 83 B3 00 00 00", "11 FF 83 B3 21 00 01", true},
+        {"paired_name", "10 FF 83 B5 40 00 00", "11 FF 83 B5 40 0C 'Sim Keyboard'", true},
+        {"name_of_empty_slot", "10 FF 83 B5 41 00 00", "10 FF 8F 83 B5 03 00"},
+        {"unpair_empty_slot", "10 FF 80 B2 03 02 00", "10 FF 8F 80 B2 03 00"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(shortHost.write(hex(c.request)));
+        Host& reader = c.isLong ? longHost : shortHost;
+        EXPECT_EQ(reader.next().value_or(Bytes{}), hex(c.answer, c.isLong ? 20 : 0));
+        expectNothingMore();
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Receiver, Registers,
-    ::testing::Values(
-        RegisterCase{"flags", {0x10, 0xFF, 0x81, 0x00, 0, 0, 0}, {0x10, 0xFF, 0x81, 0x00, 0, 0, 0}},
-        RegisterCase{
-            "paired_count", {0x10, 0xFF, 0x81, 0x02, 0, 0, 0}, {0x10, 0xFF, 0x81, 0x02, 0, 2, 0}},
-        RegisterCase{
-            "register3", {0x10, 0xFF, 0x81, 0x03, 0, 0, 0}, {0x10, 0xFF, 0x81, 0x03, 0, 0, 0}},
-        RegisterCase{"unknown_register",
-                     {0x10, 0xFF, 0x81, 0x07, 0, 0, 0},
-                     {0x10, 0xFF, 0x8F, 0x81, 0x07, 0x02, 0}},
-        RegisterCase{"bad_connection_request",
-                     {0x10, 0xFF, 0x80, 0x02, 5, 0, 0},
-                     {0x10, 0xFF, 0x8F, 0x80, 0x02, 0x03, 0}},
-        RegisterCase{"feature_probe",
-                     {0x10, 0xFF, 0x00, 0x1A, 0, 0, 0x33},
-                     {0x10, 0xFF, 0x8F, 0x00, 0x1A, 0x01, 0}},
-        RegisterCase{"slot_status",
-                     {0x10, 0xFF, 0x83, 0xB3, 0, 0, 0},
-                     longReport({0x11, 0xFF, 0x83, 0xB3, 0x21, 0, 0x01})},
-        RegisterCase{"paired_name",
-                     {0x10, 0xFF, 0x83, 0xB5, 0x40, 0, 0},
-                     longReport({0x11, 0xFF, 0x83, 0xB5, 0x40, 12, 'S', 'i', 'm', ' ', 'K', 'e',
-                                 'y', 'b', 'o', 'a', 'r', 'd'})},
-        RegisterCase{"name_of_empty_slot",
-                     {0x10, 0xFF, 0x83, 0xB5, 0x41, 0, 0},
-                     {0x10, 0xFF, 0x8F, 0x83, 0xB5, 0x03, 0}},
-        RegisterCase{"unpair_empty_slot",
-                     {0x10, 0xFF, 0x80, 0xB2, 3, 2, 0},
-                     {0x10, 0xFF, 0x8F, 0x80, 0xB2, 0x03, 0}}),
-    [](const auto& p) { return std::string(p.param.name); });
-
 // One arrival per paired device, qid low byte first and bit 6 for a link
-// that is down, all before the answer to the request.
+// that is down, all before the answer to the request. Byte 3 of this
+// product's arrival reports is 0C.
 TEST_F(ReceiverTest, FakeArrivalComesBeforeTheAnswer) {
-    ASSERT_TRUE(shortHost.write({0x10, 0xFF, 0x80, 0x02, 0x02, 0, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0x01, 0x41, kProtocolByte, 0x00, 0x21, 0x4B}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0x03, 0x41, kProtocolByte, 0x40, 0x02, 0x4C}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x80, 0x02, 0, 0, 0}));
+    ASSERT_TRUE(shortHost.write(hex("10 FF 80 02 02 00 00")));
+    expectReads({"10 01 41 0C 00 21 4B", "10 03 41 0C 40 02 4C", "10 FF 80 02 00 00 00"});
     expectNothingMore();
 }
 
 TEST_F(ReceiverTest, DeviceNumbersReachPairedDevices) {
     // Device 1 answers in its own name; a long answer comes long.
-    EXPECT_EQ(shortHost.exchange({0x10, 0x01, 0x00, 0x1A, 0, 0, 0x33}),
-              Bytes({0x10, 0x01, 0x00, 0x1A, 4, 0, 0x33}));
-    ASSERT_TRUE(shortHost.write({0x10, 0x01, 0x02, 0x1A, 0, 0, 0}));
+    EXPECT_EQ(shortHost.exchange(hex("10 01 00 1A 00 00 33")), hex("10 01 00 1A 04 00 33"));
+    ASSERT_TRUE(shortHost.write(hex("10 01 02 1A 00 00 00")));
     const Bytes fw = longHost.next().value_or(Bytes{});
     ASSERT_EQ(fw.size(), 20u);
-    EXPECT_EQ(Bytes(fw.begin(), fw.begin() + 8), Bytes({0x11, 0x01, 0x02, 0x1A, 0, 'M', 'P', 'M'}));
+    EXPECT_EQ(Bytes(fw.begin(), fw.begin() + 8), hex("11 01 02 1A 00 'MPM'"));
     // The receiver answers for a device whose link is down, and for nobody.
-    EXPECT_EQ(shortHost.exchange({0x10, 0x03, 0x00, 0x1A, 0, 0, 0x33}),
-              Bytes({0x10, 0x03, 0x8F, 0x00, 0x1A, 0x04, 0}));
-    EXPECT_EQ(shortHost.exchange({0x10, 0x02, 0x00, 0x1A, 0, 0, 0x33}),
-              Bytes({0x10, 0x02, 0x8F, 0x00, 0x1A, 0x08, 0}));
+    EXPECT_EQ(shortHost.exchange(hex("10 03 00 1A 00 00 33")), hex("10 03 8F 00 1A 04 00"));
+    EXPECT_EQ(shortHost.exchange(hex("10 02 00 1A 00 00 33")), hex("10 02 8F 00 1A 08 00"));
     expectNothingMore();
 }
 
-TEST_F(ReceiverTest, RunTimeEventsNotifyOnlyWithWirelessNotificationsOn) {
+TEST_F(ReceiverTest, RunTimeEventsNotifyOnlyWithNotificationsOn) {
     ASSERT_EQ(sim.command("disconnect kbd"), "ok");
     EXPECT_EQ(shortHost.pending(), 0u);
-    enableNotifications();
+    // Wireless notifications on.
+    EXPECT_EQ(shortHost.exchange(hex("10 FF 80 00 00 01 00")), hex("10 FF 80 00 00 00 00"));
     struct Step {
         const char* command;
-        std::vector<Bytes> reports;
+        std::initializer_list<const char*> reports;
     };
     const Step steps[] = {
-        {"disconnect kbd", {{0x10, 0x01, 0x41, kProtocolByte, 0x40, 0x21, 0x4B}}},
+        {"disconnect kbd", {"10 01 41 0C 40 21 4B"}},
         // Back: the arrival, then the device's own wireless status.
-        {"connect kbd",
-         {{0x10, 0x01, 0x41, kProtocolByte, 0x00, 0x21, 0x4B}, {0x10, 0x01, 0x07, 0x00, 1, 1, 0}}},
-        {"pair dongle spare",
-         {{0x10, 0x02, 0x41, kProtocolByte, 0x00, 0x11, 0x4D}, {0x10, 0x02, 0x07, 0x00, 1, 1, 0}}},
-        {"unpair spare", {{0x10, 0x02, 0x40, 0x02, 0, 0, 0}}},
+        {"connect kbd", {"10 01 41 0C 00 21 4B", "10 01 07 00 01 01 00"}},
+        {"pair dongle spare", {"10 02 41 0C 00 11 4D", "10 02 07 00 01 01 00"}},
+        {"unpair spare", {"10 02 40 02 00 00 00"}},
+        // Another program clears the flags: the write shows, and events go
+        // quiet.
+        {"overwrite-flags dongle", {"10 FF 80 00 00 00 00"}},
+        {"disconnect kbd", {}},
     };
     for (const Step& s : steps) {
-        ASSERT_EQ(sim.command(s.command), "ok") << s.command;
-        for (const Bytes& r : s.reports) EXPECT_EQ(shortHost.next(), r) << s.command;
+        SCOPED_TRACE(s.command);
+        ASSERT_EQ(sim.command(s.command), "ok");
+        expectReads(s.reports);
     }
-    // Another program clears the flags: the write shows, and events go quiet.
-    ASSERT_EQ(sim.command("overwrite-flags dongle"), "ok");
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x80, 0x00, 0, 0, 0}));
-    ASSERT_EQ(sim.command("disconnect kbd"), "ok");
     expectNothingMore();
     EXPECT_EQ(sim.command("pair dongle kbd"), "error: kbd is paired already");
 }
 
 TEST_F(ReceiverTest, PairingRegisterOpensTheLockAndUnpairs) {
-    enableNotifications();
-    ASSERT_TRUE(shortHost.write({0x10, 0xFF, 0x80, 0xB2, 1, 0, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x80, 0xB2, 0, 0, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x4A, 1, 0, 0, 0}));
+    EXPECT_EQ(shortHost.exchange(hex("10 FF 80 00 00 01 00")), hex("10 FF 80 00 00 00 00"));
+    ASSERT_TRUE(shortHost.write(hex("10 FF 80 B2 01 00 00")));
+    expectReads({"10 FF 80 B2 00 00 00", "10 FF 4A 01 00 00 00"});
     // A pairing closes the lock again.
     ASSERT_EQ(sim.command("pair dongle spare 5"), "ok");
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0x05, 0x41, kProtocolByte, 0x00, 0x11, 0x4D}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0x05, 0x07, 0x00, 1, 1, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x4A, 0, 0, 0, 0}));
-
-    ASSERT_TRUE(shortHost.write({0x10, 0xFF, 0x80, 0xB2, 3, 1, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0xFF, 0x80, 0xB2, 0, 0, 0}));
-    EXPECT_EQ(shortHost.next(), Bytes({0x10, 0x01, 0x40, 0x02, 0, 0, 0}));
-    EXPECT_EQ(shortHost.exchange({0x10, 0xFF, 0x81, 0x02, 0, 0, 0}),
-              Bytes({0x10, 0xFF, 0x81, 0x02, 0, 2, 0}));
+    expectReads({"10 05 41 0C 00 11 4D", "10 05 07 00 01 01 00", "10 FF 4A 00 00 00 00"});
+    // Unpairing through the register.
+    ASSERT_TRUE(shortHost.write(hex("10 FF 80 B2 03 01 00")));
+    expectReads({"10 FF 80 B2 00 00 00", "10 01 40 02 00 00 00"});
+    EXPECT_EQ(shortHost.exchange(hex("10 FF 81 02 00 00 00")), hex("10 FF 81 02 00 02 00"));
     expectNothingMore();
 }
 

@@ -26,142 +26,98 @@ const char* const kMachine = R"({"devices": [
                   {"name": "serial", "type": "int", "value": 7, "writable": false}]},
   {"id": "legacy", "name": "Old Mouse", "pid": "0xC001", "vxp": "1.0"}]})";
 
-struct WireCase {
+// Requests and answers from report byte 2 on, after "11 FF"; the rest of
+// the answer must be zero.
+struct Exchange {
     const char* name;
-    Bytes request;   // from report byte 2 on
-    Bytes expected;  // from report byte 2 on; the rest must be zero
+    const char* request;
+    const char* answer;
 };
 
-void PrintTo(const WireCase& c, std::ostream* os) { *os << c.name; }
-
-class Wire : public ::testing::TestWithParam<WireCase> {
+class Wire : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { sim = new SimMachine(kMachine); }
-    static void TearDownTestSuite() { delete sim; }
-    static SimMachine* sim;
+    void SetUp() override { ASSERT_TRUE(host.open()); }
+    void expectAnswers(std::initializer_list<Exchange> table) {
+        for (const Exchange& e : table) {
+            SCOPED_TRACE(e.name);
+            EXPECT_EQ(host.exchange(hex(std::string("11 FF ") + e.request, 20)),
+                      hex(std::string("11 FF ") + e.answer, 20));
+        }
+    }
+
+    SimMachine sim{kMachine};
+    Host host{sim, sim.path(0)};
 };
-SimMachine* Wire::sim = nullptr;
-
-Bytes request(const Bytes& tail) {
-    Bytes r{0x11, 0xFF};
-    r.insert(r.end(), tail.begin(), tail.end());
-    r.resize(20, 0);
-    return r;
-}
-
-TEST_P(Wire, AnswersWithTheseBytes) {
-    Host host(*sim, sim->path(0));
-    ASSERT_TRUE(host.open());
-    const Bytes got = host.exchange(request(GetParam().request));
-    Bytes want{0x11, 0xFF};
-    want.insert(want.end(), GetParam().expected.begin(), GetParam().expected.end());
-    want.resize(20, 0);
-    EXPECT_EQ(got, want);
-}
 
 // Indices: 0 root, 1 feature set, 2 firmware info, 3 name, 4 friendly name,
 // 5 cookie, 6 battery, 7 wireless status, 8 properties, 9 unimplemented.
-INSTANTIATE_TEST_SUITE_P(
-    Functions, Wire,
-    ::testing::Values(
-        WireCase{"root_feature_with_flags", {0, 0x0A, 0x1D, 0x4B}, {0, 0x0A, 7, 0xC0, 2}},
-        WireCase{"root_feature_engineering", {0, 0x0A, 0x22, 0x01}, {0, 0x0A, 9, 0x20, 1}},
-        WireCase{"root_feature_absent", {0, 0x0A, 0x12, 0x34}, {0, 0x0A, 0, 0, 0}},
-        WireCase{"ping_echo", {0, 0x1B, 0, 0, 0x5A}, {0, 0x1B, 4, 2, 0x5A}},
-        WireCase{"feature_count", {1, 0x0C}, {1, 0x0C, 9}},
-        WireCase{"feature_id", {1, 0x1C, 7}, {1, 0x1C, 0x1D, 0x4B, 0xC0, 2}},
-        WireCase{"feature_id_out_of_range", {1, 0x1C, 10}, {0xFF, 1, 0x1C, 2}},
-        WireCase{"entity_count",
-                 {2, 0x0A},
-                 {2, 0x0A, 2, 0x11, 0x22, 0x33, 0x44, 0x04, 0x03, 0xB0, 0x12, 0xB0, 0x13, 0, 0, 7}},
-        WireCase{"fw_info",
-                 {2, 0x1A, 0},
-                 {2, 0x1A, 0, 'M', 'P', 'M', 0x12, 0x03, 0x00, 0x45, 1, 1, 2, 3}},
-        WireCase{"fw_info_bootloader",
-                 {2, 0x1A, 1},
-                 {2, 0x1A, 1, 'B', 'O', 'T', 0x01, 0x02, 0x00, 0x07, 0}},
-        WireCase{"fw_info_no_entity", {2, 0x1A, 2}, {0xFF, 2, 0x1A, 2}},
-        WireCase{"name_length", {3, 0x0A}, {3, 0x0A, 26}},
-        WireCase{"name_second_chunk",
-                 {3, 0x1A, 16},
-                 {3, 0x1A, ' ', 'L', 'o', 'n', 'g', ' ', 'N', 'a', 'm', 'e'}},
-        WireCase{"name_beyond_end", {3, 0x1A, 26}, {0xFF, 3, 0x1A, 2}},
-        WireCase{"device_type", {3, 0x2A}, {3, 0x2A, 3}},
-        WireCase{"friendly_lengths", {4, 0x0A}, {4, 0x0A, 10, 20, 9}},
-        WireCase{"friendly_chunk",
-                 {4, 0x1A, 0},
-                 {4, 0x1A, 0, 'D', 'e', 's', 'k', ' ', 'm', 'o', 'u', 's', 'e'}},
-        WireCase{"friendly_default",
-                 {4, 0x2A, 0},
-                 {4, 0x2A, 0, 'S', 'i', 'm', ' ', 'M', 'o', 'u', 's', 'e'}},
-        WireCase{"cookie", {5, 0x0A}, {5, 0x0A, 0xBE, 0xEF}},
-        WireCase{"battery_status", {6, 0x0A}, {6, 0x0A, 80, 50, 1}},
-        WireCase{"battery_capability", {6, 0x1A}, {6, 0x1A, 4, 3, 0x01, 0x02, 5}},
-        WireCase{"wireless_has_no_function", {7, 0x0A}, {0xFF, 7, 0x0A, 7}},
-        WireCase{"property_count", {8, 0x0A}, {8, 0x0A, 3}},
-        WireCase{"property_int_info",
-                 {8, 0x1A, 0},
-                 {8, 0x1A, 0, 0x04, 0x01, 0x20, 0x03, 0, 0, 100, 0, 0, 0, 0x40, 0x1F, 0, 0}},
-        WireCase{"property_float_info", {8, 0x1A, 1}, {8, 0x1A, 1, 0x94, 0x02, 0, 0, 0xC0, 0x3F}},
-        WireCase{"property_name", {8, 0x2A, 0}, {8, 0x2A, 0, 'd', 'p', 'i'}},
-        WireCase{"property_value", {8, 0x3A, 0, 0xFF}, {8, 0x3A, 0, 4, 0x20, 0x03, 0, 0}},
-        WireCase{"property_read_only", {8, 0x4A, 2, 4, 1, 0, 0, 0, 0xFF}, {0xFF, 8, 0x4A, 4}},
-        WireCase{"property_unknown", {8, 0x3A, 9, 0xFF}, {0xFF, 8, 0x3A, 2}},
-        WireCase{"unimplemented_feature", {9, 0x0A}, {0xFF, 9, 0x0A, 7}},
-        WireCase{"unknown_feature_index", {10, 0x0A}, {0xFF, 10, 0x0A, 5}},
-        WireCase{"unknown_root_function", {0, 0x2A}, {0xFF, 0, 0x2A, 7}},
-        WireCase{"register_on_a_device", {0x81, 0x00}, {0x8F, 0x81, 0x00, 2}}),
-    [](const auto& p) { return std::string(p.param.name); });
+TEST_F(Wire, FunctionsAnswerWithTheseBytes) {
+    expectAnswers({
+        {"root_feature_with_flags", "00 0A 1D 4B", "00 0A 07 C0 02"},
+        {"root_feature_engineering", "00 0A 22 01", "00 0A 09 20 01"},
+        {"root_feature_absent", "00 0A 12 34", "00 0A 00 00 00"},
+        {"ping_echo", "00 1B 00 00 5A", "00 1B 04 02 5A"},
+        {"feature_count", "01 0C", "01 0C 09"},
+        {"feature_id", "01 1C 07", "01 1C 1D 4B C0 02"},
+        {"feature_id_out_of_range", "01 1C 0A", "FF 01 1C 02"},
+        {"entity_count", "02 0A", "02 0A 02 11 22 33 44 04 03 B0 12 B0 13 00 00 07"},
+        {"fw_info", "02 1A 00", "02 1A 00 'MPM' 12 03 00 45 01 01 02 03"},
+        {"fw_info_bootloader", "02 1A 01", "02 1A 01 'BOT' 01 02 00 07 00"},
+        {"fw_info_no_entity", "02 1A 02", "FF 02 1A 02"},
+        {"name_length", "03 0A", "03 0A 1A"},
+        {"name_second_chunk", "03 1A 10", "03 1A ' Long Name'"},
+        {"name_beyond_end", "03 1A 1A", "FF 03 1A 02"},
+        {"device_type", "03 2A", "03 2A 03"},
+        {"friendly_lengths", "04 0A", "04 0A 0A 14 09"},
+        {"friendly_chunk", "04 1A 00", "04 1A 00 'Desk mouse'"},
+        {"friendly_default", "04 2A 00", "04 2A 00 'Sim Mouse'"},
+        {"cookie", "05 0A", "05 0A BE EF"},
+        {"battery_status", "06 0A", "06 0A 50 32 01"},
+        {"battery_capability", "06 1A", "06 1A 04 03 01 02 05"},
+        {"wireless_has_no_function", "07 0A", "FF 07 0A 07"},
+        {"property_count", "08 0A", "08 0A 03"},
+        {"property_int_info", "08 1A 00", "08 1A 00 04 01 20 03 00 00 64 00 00 00 40 1F 00 00"},
+        {"property_float_info", "08 1A 01", "08 1A 01 94 02 00 00 C0 3F"},
+        {"property_name", "08 2A 00", "08 2A 00 'dpi'"},
+        {"property_value", "08 3A 00 FF", "08 3A 00 04 20 03 00 00"},
+        {"property_read_only", "08 4A 02 04 01 00 00 00 FF", "FF 08 4A 04"},
+        {"property_unknown", "08 3A 09 FF", "FF 08 3A 02"},
+        {"unimplemented_feature", "09 0A", "FF 09 0A 07"},
+        {"unknown_feature_index", "0A 0A", "FF 0A 0A 05"},
+        {"unknown_root_function", "00 2A", "FF 00 2A 07"},
+        {"register_on_a_device", "81 00", "8F 81 00 02"},
+    });
+}
 
 TEST_F(Wire, WritesChangeWhatLaterReadsSee) {
-    SimMachine own(kMachine);
-    Host host(own, own.path(0));
-    ASSERT_TRUE(host.open());
-    struct Step {
-        Bytes request, expected;
-    };
-    const Step steps[] = {
-        {{5, 0x1A, 0x12, 0x34}, {5, 0x1A, 0x12, 0x34}},  // set cookie: the answer carries it
-        {{5, 0x0A}, {5, 0x0A, 0x12, 0x34}},
-        {{4, 0x3A, 0, 'P', 'a', 'd'}, {4, 0x3A, 0}},  // friendly name "Pad"
-        {{4, 0x0A}, {4, 0x0A, 3, 20, 9}},
-        {{4, 0x1A, 0}, {4, 0x1A, 0, 'P', 'a', 'd'}},
-        {{4, 0x4A}, {4, 0x4A}},  // reset to the default
-        {{4, 0x0A}, {4, 0x0A, 9, 20, 9}},
-        {{8, 0x4A, 0, 4, 0xE8, 0x03, 0, 0, 0xFF}, {8, 0x4A, 0, 4, 0xE8, 0x03, 0, 0}},  // 1000
-        {{8, 0x3A, 0, 0xFF}, {8, 0x3A, 0, 4, 0xE8, 0x03, 0, 0}},
-        {{8, 0x4A, 0, 4, 0x50, 0xC3, 0, 0, 0xFF},
-         {8, 0x4A, 0, 4, 0x40, 0x1F, 0, 0}},  // clamped to 8000
-        {{8, 0x6A, 0, 0xFF}, {8, 0x6A, 0}},   // reset: back to 800
-        {{8, 0x3A, 0, 0xFF}, {8, 0x3A, 0, 4, 0x20, 0x03, 0, 0}},
-    };
-    for (const Step& s : steps) {
-        Bytes want{0x11, 0xFF};
-        want.insert(want.end(), s.expected.begin(), s.expected.end());
-        want.resize(20, 0);
-        EXPECT_EQ(host.exchange(request(s.request)), want)
-            << "request at index " << int(s.request[0]);
-    }
+    expectAnswers({
+        {"set_cookie_answer_carries_it", "05 1A 12 34", "05 1A 12 34"},
+        {"cookie_read_back", "05 0A", "05 0A 12 34"},
+        {"set_friendly_name", "04 3A 00 'Pad'", "04 3A 00"},
+        {"friendly_lengths_after_set", "04 0A", "04 0A 03 14 09"},
+        {"friendly_chunk_after_set", "04 1A 00", "04 1A 00 'Pad'"},
+        {"friendly_reset", "04 4A", "04 4A"},
+        {"friendly_lengths_after_reset", "04 0A", "04 0A 09 14 09"},
+        {"set_dpi_1000", "08 4A 00 04 E8 03 00 00 FF", "08 4A 00 04 E8 03 00 00"},
+        {"dpi_read_back", "08 3A 00 FF", "08 3A 00 04 E8 03 00 00"},
+        {"dpi_clamped_to_8000", "08 4A 00 04 50 C3 00 00 FF", "08 4A 00 04 40 1F 00 00"},
+        {"dpi_reset", "08 6A 00 FF", "08 6A 00"},
+        {"dpi_back_to_800", "08 3A 00 FF", "08 3A 00 04 20 03 00 00"},
+    });
 }
 
 // A short request goes out as the device's long report (the binding pads
-// it); device index 0 is answered like 0xFF, other indices not at all.
-TEST_F(Wire, IndicesAndShortRequests) {
-    Host host(*sim, sim->path(0));
-    ASSERT_TRUE(host.open());
-    EXPECT_EQ(host.exchange({0x10, 0xFF, 0, 0x1A, 0, 0, 0x77}),
-              longReport({0x11, 0xFF, 0, 0x1A, 4, 2, 0x77}));
-    EXPECT_EQ(host.exchange(longReport({0x11, 0x00, 0, 0x1A, 0, 0, 0x78})),
-              longReport({0x11, 0x00, 0, 0x1A, 4, 2, 0x78}));
-    ASSERT_TRUE(host.write(longReport({0x11, 0x03, 0, 0x1A, 0, 0, 0x79})));
+// it); device index 0 is answered like 0xFF, other indices not at all. A
+// register-only device refuses feature requests.
+TEST_F(Wire, IndicesShortRequestsAndRegisterOnlyDevices) {
+    EXPECT_EQ(host.exchange(hex("10 FF 00 1A 00 00 77")), hex("11 FF 00 1A 04 02 77", 20));
+    EXPECT_EQ(host.exchange(hex("11 00 00 1A 00 00 78", 20)), hex("11 00 00 1A 04 02 78", 20));
+    ASSERT_TRUE(host.write(hex("11 03 00 1A 00 00 79", 20)));
     EXPECT_EQ(host.pending(), 0u);
-}
 
-TEST_F(Wire, RegisterOnlyDeviceRefusesFeatureRequests) {
-    Host host(*sim, sim->path(1));
-    ASSERT_TRUE(host.open());
-    EXPECT_EQ(host.exchange(longReport({0x11, 0xFF, 0, 0x1A, 0, 0, 0x55})),
-              longReport({0x11, 0xFF, 0x8F, 0x00, 0x1A, 0x01}));
+    Host legacy(sim, sim.path(1));
+    ASSERT_TRUE(legacy.open());
+    EXPECT_EQ(legacy.exchange(hex("11 FF 00 1A 00 00 55", 20)), hex("11 FF 8F 00 1A 01", 20));
 }
 
 }  // namespace
