@@ -4,8 +4,6 @@
 // so the host's disks are never involved.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -13,33 +11,10 @@
 
 using namespace qvtest;
 
-namespace {
-
-// Runs `script` with sh inside a new mount namespace; returns its wait
-// status, or -1 when namespaces are not available here.
-int inMountNamespace(const std::string& script) {
-    std::vector<std::string> args{"unshare", "--mount", "sh", "-ec", script};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = ::fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        ::execvp(argv[0], argv.data());
-        ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return status;
-}
-
-}  // namespace
-
 TEST(DiskGuard, FailedUploadOnANearlyFullDiskDropsTheSendFile) {
-    IngestOptions refused;
-    refused.mode = "refuse";
-    UploadBench bench(refused);
-    if (inMountNamespace("mount -t tmpfs -o size=64k tmpfs " + bench.dir.path()) != 0) {
+    UploadBench bench({.mode = "refuse"});
+    if (runToEnd({"unshare", "--mount", "sh", "-ec",
+                  "mount -t tmpfs -o size=64k tmpfs " + bench.dir.path()}) != 0) {
         GTEST_SKIP() << "no private mount namespace (unshare --mount) on this machine";
     }
     std::filesystem::create_directories(bench.data);
@@ -61,7 +36,7 @@ TEST(DiskGuard, FailedUploadOnANearlyFullDiskDropsTheSendFile) {
                   "' --debugout '" + bench.log + "' < '" + input + "' > /dev/null\n" + "ls '" +
                   bench.data + "' > '" + listing + "'\n";
         std::filesystem::remove(bench.log);
-        int status = inMountNamespace(script);
+        int status = runToEnd({"unshare", "--mount", "sh", "-ec", script});
         ASSERT_TRUE(exitedCleanly(status)) << status;
 
         const std::string log = bench.traces();

@@ -16,25 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<int> range(int first, int count) {
-    std::vector<int> v;
-    for (int i = first; i < first + count; ++i) v.push_back(i);
-    return v;
-}
-
-IngestOptions inMode(const char* mode) {
-    IngestOptions options;
-    options.mode = mode;
-    return options;
-}
-
-IngestOptions answering(int status, const char* reply) {
-    IngestOptions options;
-    options.status = status;
-    options.reply = reply;
-    return options;
-}
-
 // The result the rotation traced for its one transfer, or -1.
 int tracedResult(const UploadBench& bench) {
     const std::string prefix = "sent normal send file " + bench.sendFile() + " returned ";
@@ -121,10 +102,10 @@ TEST_P(TransportFaults, SendFileStaysAndGoesWithTheNextUpload) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, TransportFaults,
-    ::testing::Values(TransportFault{"refused", inMode("refuse"), {7}, false, false},
-                      TransportFault{"silent", inMode("silent"), {28}, false, true},
-                      TransportFault{"reset", inMode("reset"), {55, 56}, false, true},
-                      TransportFault{"reply_dropped", inMode("drop"), {52}, true, true},
+    ::testing::Values(TransportFault{"refused", {.mode = "refuse"}, {7}, false, false},
+                      TransportFault{"silent", {.mode = "silent"}, {28}, false, true},
+                      TransportFault{"reset", {.mode = "reset"}, {55, 56}, false, true},
+                      TransportFault{"reply_dropped", {.mode = "drop"}, {52}, true, true},
                       TransportFault{"untrusted_ca", {}, {60}, false, false, true}),
     [](const auto& param) { return std::string(param.param.name); });
 
@@ -163,7 +144,7 @@ json with(json patch) {
 
 TEST_P(Replies, AnyCompletedExchangeIsDeliveredAndItsSettingsTaken) {
     const Reply& reply = GetParam();
-    UploadBench bench(answering(reply.status, reply.body));
+    UploadBench bench({.status = reply.status, .reply = reply.body});
     seedStore(bench.data, {{"MaxLineBuf", "1000"}});
     ASSERT_TRUE(exitedCleanly(bench.run(eventInput("a", 30) + ".OFF\n", {"--noupload"}).status));
 
@@ -211,7 +192,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST(ReplySettings, TakeEffectInTheRunningClientAtOnce) {
-    UploadBench bench(answering(200, R"({"MaxLineBuf":"50"})"));
+    UploadBench bench({.reply = R"({"MaxLineBuf":"50"})"});
     // The 21st line asks for a flush; the first decision uploads, and the
     // reply raises MaxLineBuf, so the next 40 lines wait for ".OFF".
     ClientProcess client(bench.data, {"--debugout", bench.log});
@@ -238,14 +219,10 @@ TEST(ReplySettings, TakeEffectInTheRunningClientAtOnce) {
         ++flushes;
     }
     EXPECT_EQ(flushes, 2u) << log;
-
-    // A stored setting that isn't a number stops the next client at start.
-    patchStore(bench.data, {{"MaxLineBuf", "x100"}});
-    EXPECT_TRUE(aborted(bench.run(".OFF\n").status));
 }
 
 TEST(ReplySettings, ANumberForAStringHoldsTheStoreLockForTheRestOfTheRun) {
-    UploadBench bench(answering(200, R"({"MaxLineBuf":50})"));
+    UploadBench bench({.reply = R"({"MaxLineBuf":50})"});
     auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(exitedCleanly(bench.run(eventInput("a", 5) + ".OFF\n").status));
     auto took = std::chrono::steady_clock::now() - start;

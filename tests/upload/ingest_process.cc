@@ -28,7 +28,7 @@ pid_t spawn(std::vector<std::string> args) {
     pid_t pid = ::fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
-        ::execv(argv[0], argv.data());
+        ::execvp(argv[0], argv.data());
         ::_exit(127);
     }
     return pid;
@@ -36,8 +36,15 @@ pid_t spawn(std::vector<std::string> args) {
 
 }  // namespace
 
+int runToEnd(const std::vector<std::string>& args) {
+    const pid_t pid = spawn(args);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return status;
+}
+
 IngestServer::IngestServer(const std::string& dir, const IngestOptions& options)
-    : dir_(dir), certDir_(options.certDir.empty() ? dir + "/certs" : options.certDir) {
+    : dir_(dir), certDir_(dir + "/certs") {
     fs::create_directories(dir_);
     const std::string portFile = dir_ + "/port";
     fs::remove(portFile);
@@ -100,10 +107,8 @@ void IngestServer::becomeUploadTarget() const {
 }
 
 void makeForeignCertificates(const std::string& dir) {
-    pid_t pid = spawn({PYTHON3_PATH, INGEST_SERVER_PY, "--cert-dir", dir, "--make-certs"});
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    if (!exitedCleanly(
+            runToEnd({PYTHON3_PATH, INGEST_SERVER_PY, "--cert-dir", dir, "--make-certs"}))) {
         throw std::runtime_error("certificate creation failed");
     }
 }

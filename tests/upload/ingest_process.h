@@ -15,7 +15,6 @@ struct IngestOptions {
     std::string mode = "ok";  // ok | refuse | silent | reset | drop
     int status = 200;
     std::string reply = "{}";
-    std::string certDir;  // default: <dir>/certs, created on first start
 };
 
 // One upload as the server stored it.
@@ -28,8 +27,8 @@ struct StoredUpload {
 
 class IngestServer {
 public:
-    // Starts the server with its files under `dir` and waits until it takes
-    // connections.
+    // Starts the server with its files under `dir` (its certificates in
+    // <dir>/certs, made on first start) and waits until it takes connections.
     IngestServer(const std::string& dir, const IngestOptions& options = {});
     ~IngestServer();
     IngestServer(const IngestServer&) = delete;
@@ -53,6 +52,9 @@ private:
     pid_t pid_ = -1;
     int port_ = 0;
 };
+
+// Runs a program (looked up in PATH) to its end; its wait status.
+int runToEnd(const std::vector<std::string>& args);
 
 // A CA and server certificate in `dir` that no test client trusts.
 void makeForeignCertificates(const std::string& dir);
