@@ -128,59 +128,55 @@ TEST(Machine, RefusedDescriptionsNameTheField) {
     }
 }
 
-class Tool : public ::testing::TestWithParam<bool> {};
-
 // The tool serves a machine, says where it is, takes commands on its control
 // socket, and stops on "quit" or on SIGTERM, unplugging everything.
-TEST_P(Tool, ServesAndTakesCommands) {
-    char pattern[] = "/tmp/devio-sim-tool-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::string dir = pattern;
-    {
+TEST(Tool, ServesTakesCommandsAndStopsOnQuitOrSigterm) {
+    for (const bool quit : {true, false}) {
+        SCOPED_TRACE(quit ? "quit" : "SIGTERM");
+        char pattern[] = "/tmp/devio-sim-tool-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        const std::string dir = pattern;
         std::ofstream(dir + "/machine.json")
             << R"({"devices": [{"id": "mouse", "pid": "0xC08B"}]})";
+        const std::string out = dir + "/out.txt";
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            std::freopen(out.c_str(), "w", stdout);
+            std::freopen("/dev/null", "r", stdin);
+            ::execl(DEVIO_SIM_TOOL, DEVIO_SIM_TOOL, "serve", (dir + "/machine.json").c_str(),
+                    (dir + "/m").c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        const auto ctl = [&](const std::string& line) {
+            const std::string cmd =
+                std::string(DEVIO_SIM_TOOL) + " ctl " + dir + "/m " + line + " >/dev/null 2>&1";
+            return std::system(cmd.c_str());
+        };
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (ctl("list") != 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(20ms);
+        EXPECT_EQ(ctl("fault mouse drop 1"), 0);
+        EXPECT_NE(ctl("fault nobody drop 1"), 0);
+        EXPECT_TRUE(std::filesystem::is_socket(dir + "/m/dev/hidraw0"));
+        if (quit) {
+            EXPECT_EQ(ctl("quit"), 0);
+        } else {
+            ::kill(pid, SIGTERM);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        std::ifstream printed(out);
+        std::string first;
+        std::getline(printed, first);
+        EXPECT_EQ(first, "export DEVIO_SYSFS_ROOT=" + dir + "/m/sys");
+        // Unplugged on the way out: the class holds no node any more.
+        EXPECT_FALSE(std::filesystem::exists(dir + "/m/sys/class/hidraw/hidraw0"));
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
     }
-    const std::string out = dir + "/out.txt";
-    const pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        std::freopen(out.c_str(), "w", stdout);
-        std::freopen("/dev/null", "r", stdin);
-        ::execl(DEVIO_SIM_TOOL, DEVIO_SIM_TOOL, "serve", (dir + "/machine.json").c_str(),
-                (dir + "/m").c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    const auto ctl = [&](const std::string& line) {
-        const std::string cmd =
-            std::string(DEVIO_SIM_TOOL) + " ctl " + dir + "/m " + line + " >/dev/null 2>&1";
-        return std::system(cmd.c_str());
-    };
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (ctl("list") != 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(ctl("fault mouse drop 1"), 0);
-    EXPECT_NE(ctl("fault nobody drop 1"), 0);
-    EXPECT_TRUE(std::filesystem::is_socket(dir + "/m/dev/hidraw0"));
-    if (GetParam()) {
-        EXPECT_EQ(ctl("quit"), 0);
-    } else {
-        ::kill(pid, SIGTERM);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    std::ifstream printed(out);
-    std::string first;
-    std::getline(printed, first);
-    EXPECT_EQ(first, "export DEVIO_SYSFS_ROOT=" + dir + "/m/sys");
-    // Unplugged on the way out: the class holds no node any more.
-    EXPECT_FALSE(std::filesystem::exists(dir + "/m/sys/class/hidraw/hidraw0"));
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
 }
-
-INSTANTIATE_TEST_SUITE_P(Stop, Tool, ::testing::Values(true, false),
-                         [](const auto& p) { return std::string(p.param ? "quit" : "sigterm"); });
 
 }  // namespace
 }  // namespace simtest
