@@ -32,6 +32,12 @@ void releaseFlag(std::atomic<uint32_t>& flag) {
     flag.store(0, std::memory_order_release);
 }
 
+// `value` modulo `count`, for a value below twice the count, as every sum of
+// positions here is: a division would cost more than the rest of a write.
+uint64_t wrap(uint64_t value, uint64_t count) {
+    return value >= count ? value - count : value;
+}
+
 }  // namespace
 
 LogBuffer::Position LogBuffer::GuardedPosition::load() {
@@ -68,19 +74,19 @@ LogBuffer::Position LogBuffer::loadWrite() const {
 size_t LogBuffer::usedEntries() const {
     Position r = readPosition_.load();
     Position w = loadWrite();
-    return static_cast<size_t>((w.entry + entryCount_ - r.entry) % entryCount_);
+    return static_cast<size_t>(wrap(w.entry + entryCount_ - r.entry, entryCount_));
 }
 
 size_t LogBuffer::usedBytes() const {
     Position r = readPosition_.load();
     Position w = loadWrite();
-    return static_cast<size_t>((w.byte + byteCount_ - r.byte) % byteCount_);
+    return static_cast<size_t>(wrap(w.byte + byteCount_ - r.byte, byteCount_));
 }
 
 bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
     skip = byteCount_ - w.byte < size ? byteCount_ - w.byte : 0;
-    uint64_t usedBytes = (w.byte + byteCount_ - r.byte) % byteCount_;
-    uint64_t usedEntries = (w.entry + entryCount_ - r.entry) % entryCount_;
+    uint64_t usedBytes = wrap(w.byte + byteCount_ - r.byte, byteCount_);
+    uint64_t usedEntries = wrap(w.entry + entryCount_ - r.entry, entryCount_);
     return usedBytes + skip + size + byteReserve < byteCount_ &&
            usedEntries < entryCount_ - entryReserve;
 }
@@ -92,22 +98,31 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         takeFlag(write_.flag);
         Position w = write_.position;
         Position r = write_.readSeen;
-        releaseFlag(write_.flag);
         uint64_t skip = 0;
-        if (!fits(w, r, size, skip)) {
-            r = readPosition_.load();
-            if (!fits(w, r, size, skip)) return false;
-        }
-        if (onSpace != nullptr) onSpace();
-        Position next{(w.entry + 1) % entryCount_, (w.byte + skip + size) % byteCount_};
-        takeFlag(write_.flag);
-        bool same = write_.position == w;
-        if (same) {
-            write_.position = next;
-            write_.readSeen = r;
-        }
+        // With nothing to run before the slot is taken, and room by the read
+        // position seen earlier, the slot is taken in the same hold of the
+        // flag: the common case costs one acquisition.
+        bool taken = onSpace == nullptr && fits(w, r, size, skip);
+        if (taken)
+            write_.position =
+                Position{wrap(w.entry + 1, entryCount_), wrap(w.byte + skip + size, byteCount_)};
         releaseFlag(write_.flag);
-        if (!same) continue;
+        if (!taken) {
+            if (!fits(w, r, size, skip)) {
+                r = readPosition_.load();
+                if (!fits(w, r, size, skip)) return false;
+            }
+            if (onSpace != nullptr) onSpace();
+            Position next{wrap(w.entry + 1, entryCount_), wrap(w.byte + skip + size, byteCount_)};
+            takeFlag(write_.flag);
+            bool same = write_.position == w;
+            if (same) {
+                write_.position = next;
+                write_.readSeen = r;
+            }
+            releaseFlag(write_.flag);
+            if (!same) continue;
+        }
 
         Entry& entry = entries_[w.entry];
         entry.skip = skip;
@@ -115,7 +130,7 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         entry.thread = thread;
         entry.level = static_cast<uint32_t>(level);
         entry.size = size;
-        char* out = bytes_.get() + (w.byte + skip) % byteCount_;
+        char* out = bytes_.get() + wrap(w.byte + skip, byteCount_);
         *out++ = '-';
         std::memcpy(out, tag.data(), tag.size());
         out += tag.size();
@@ -140,7 +155,7 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
     Entry& entry = entries_[r.entry];
     if (entry.pending.load(std::memory_order_acquire) != 0) return ReadResult::pending;
 
-    const char* record = bytes_.get() + (r.byte + entry.skip) % byteCount_;
+    const char* record = bytes_.get() + wrap(r.byte + entry.skip, byteCount_);
     size_t tagLength = std::strlen(record);
     const char* function = record + tagLength + 1;
     size_t functionLength = std::strlen(function);
@@ -154,7 +169,7 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
 
     entry.pending.store(1, std::memory_order_relaxed);
     readerAt_ =
-        Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_};
+        Position{wrap(r.entry + 1, entryCount_), wrap(r.byte + entry.skip + entry.size, byteCount_)};
     readPosition_.store(readerAt_);
     return ReadResult::output;
 }

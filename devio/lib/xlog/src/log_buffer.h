@@ -51,7 +51,8 @@ public:
 
     // Stores one record; false if the rings have no room for it. Once there
     // is room and before the slot is taken, `onSpace` runs (it may write to
-    // this buffer itself); the position is then re-checked.
+    // this buffer itself); the position is then re-checked. Pass null when
+    // there is nothing to run: the slot is then taken more cheaply.
     bool write(uint64_t time, uint32_t thread, int level, std::string_view tag,
                std::string_view function, std::string_view message, void (*onSpace)());
 

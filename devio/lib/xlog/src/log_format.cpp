@@ -22,13 +22,47 @@ class Output {
 public:
     Output(char* out, size_t size) : out_(out), room_(size == 0 ? 0 : size - 1) {}
 
+    void put(char c) {
+        if (pos_ < room_) out_[pos_] = c;
+        ++pos_;
+    }
+    // Log messages are made of short pieces: a plain loop beats a call of
+    // memcpy or memset for them. The loops run on locals, since the stores
+    // through a char pointer could otherwise change this object.
     void append(const char* text, size_t length) {
-        if (pos_ < room_) std::memcpy(out_ + pos_, text, room_ - pos_ < length ? room_ - pos_ : length);
+        size_t n = pos_ < room_ ? (room_ - pos_ < length ? room_ - pos_ : length) : 0;
+        char* to = out_ + pos_;
         pos_ += length;
+        if (n > 16) {
+            std::memcpy(to, text, n);
+            return;
+        }
+        for (size_t i = 0; i < n; ++i) to[i] = text[i];
     }
     void fill(char c, size_t count) {
-        if (pos_ < room_) std::memset(out_ + pos_, c, room_ - pos_ < count ? room_ - pos_ : count);
+        size_t n = pos_ < room_ ? (room_ - pos_ < count ? room_ - pos_ : count) : 0;
+        char* to = out_ + pos_;
         pos_ += count;
+        if (n > 16) {
+            std::memset(to, c, n);
+            return;
+        }
+        for (size_t i = 0; i < n; ++i) to[i] = c;
+    }
+    // Copies text up to the next '%' or the end of the format, in one pass,
+    // and leaves `p` there.
+    void copyLiteral(const char*& p) {
+        const char* from = p;
+        if (pos_ < room_) {
+            char* to = out_ + pos_;
+            char* end = out_ + room_;
+            while (to != end && *from != '%' && *from != '\0') *to++ = *from++;
+            pos_ = static_cast<size_t>(to - out_);
+        }
+        const char* rest = from;
+        while (*rest != '%' && *rest != '\0') ++rest;
+        pos_ += static_cast<size_t>(rest - from);
+        p = rest;
     }
     void terminate(size_t size) {
         if (size != 0) out_[pos_ < room_ ? pos_ : room_] = '\0';
@@ -96,6 +130,13 @@ char* digitsOf(unsigned long long value, unsigned base, bool upper, char* end) {
         } while (value != 0);
     }
     return p;
+}
+
+void putDigits(Output& out, unsigned long long value, unsigned base, bool upper) {
+    char buffer[24];
+    char* end = buffer + sizeof buffer;
+    char* first = digitsOf(value, base, upper, end);
+    out.append(first, static_cast<size_t>(end - first));
 }
 
 void putPadded(Output& out, const Conversion& c, const char* text, size_t length) {
@@ -330,10 +371,35 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
     const char* p = format;
     bool handled = true;
     for (;;) {
-        const char* percent = strchrnul(p, '%');
-        output.append(p, static_cast<size_t>(percent - p));
-        if (*percent == '\0') break;
-        p = percent + 1;
+        output.copyLiteral(p);
+        if (*p == '\0') break;
+        ++p;
+        // The plain conversions that make up most messages go straight to
+        // their digits or bytes.
+        if (*p == 'd') {
+            ++p;
+            int value = va_arg(each, int);
+            unsigned long long magnitude = value < 0 ? 0ULL - static_cast<unsigned long long>(value)
+                                                     : static_cast<unsigned long long>(value);
+            if (value < 0) output.put('-');
+            putDigits(output, magnitude, 10, false);
+            continue;
+        }
+        if (*p == 'u' || *p == 'x') {
+            putDigits(output, va_arg(each, unsigned), *p == 'u' ? 10 : 16, false);
+            ++p;
+            continue;
+        }
+        if (*p == 's') {
+            ++p;
+            const char* text = va_arg(each, const char*);
+            if (text == nullptr) {
+                handled = false;
+                break;
+            }
+            output.append(text, std::strlen(text));
+            continue;
+        }
         if (!convert(output, p, each)) {
             handled = false;
             break;
