@@ -417,4 +417,12 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
     return result;
 }
 
+int formatText(char* out, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int n = formatMessage(out, size, format, args);
+    va_end(args);
+    return n;
+}
+
 }  // namespace devio::xlog
