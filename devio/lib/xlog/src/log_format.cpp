@@ -49,20 +49,13 @@ public:
         }
         for (size_t i = 0; i < n; ++i) to[i] = c;
     }
-    // Copies text up to the next '%' or the end of the format, in one pass,
-    // and leaves `p` there.
+    // Copies text up to the next '%' or the end of the format, and leaves
+    // `p` there. The library's search finds long runs fast; short ones go
+    // by the loop in append.
     void copyLiteral(const char*& p) {
-        const char* from = p;
-        if (pos_ < room_) {
-            char* to = out_ + pos_;
-            char* end = out_ + room_;
-            while (to != end && *from != '%' && *from != '\0') *to++ = *from++;
-            pos_ = static_cast<size_t>(to - out_);
-        }
-        const char* rest = from;
-        while (*rest != '%' && *rest != '\0') ++rest;
-        pos_ += static_cast<size_t>(rest - from);
-        p = rest;
+        const char* end = strchrnul(p, '%');
+        append(p, static_cast<size_t>(end - p));
+        p = end;
     }
     void terminate(size_t size) {
         if (size != 0) out_[pos_ < room_ ? pos_ : room_] = '\0';
@@ -388,6 +381,19 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
         if (*p == 'u' || *p == 'x') {
             putDigits(output, va_arg(each, unsigned), *p == 'u' ? 10 : 16, false);
             ++p;
+            continue;
+        }
+        // "%02x" and the like: zero-padded to a one-digit width.
+        if (*p == '0' && p[1] >= '1' && p[1] <= '9' &&
+            (p[2] == 'x' || p[2] == 'X' || p[2] == 'u')) {
+            char buffer[24];
+            char* end = buffer + sizeof buffer;
+            char* first = digitsOf(va_arg(each, unsigned), p[2] == 'u' ? 10 : 16, p[2] == 'X', end);
+            size_t digits = static_cast<size_t>(end - first);
+            size_t width = static_cast<size_t>(p[1] - '0');
+            if (width > digits) output.fill('0', width - digits);
+            output.append(first, digits);
+            p += 3;
             continue;
         }
         if (*p == 's') {
