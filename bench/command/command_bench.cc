@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 
 #include "DeviceRig.h"

@@ -80,55 +80,56 @@ void expectSame(const char* format, ...) {
 // with one length modifier, over `values` given to `call`.
 template <typename Call>
 void everySpec(const std::string& length, char conversion, Call call) {
-    const char* flagSets[] = {"", "-", "+", " ", "#", "0", "-0", "+0", " 0", "#0", "-#", "+ ", "-+ #0"};
+    const char* flagSets[] = {"",   "-",  "+",  " ",  "#",  "0",    "-0",
+                              "+0", " 0", "#0", "-#", "+ ", "-+ #0"};
     const char* widths[] = {"", "1", "5", "12", "*"};
     const char* precisions[] = {"", ".", ".0", ".1", ".3", ".12", ".*"};
     for (const char* flags : flagSets)
         for (const char* width : widths)
             for (const char* precision : precisions) {
-                std::string spec = std::string("[%") + flags + width + precision + length +
-                                   conversion + "]";
+                std::string spec =
+                    std::string("[%") + flags + width + precision + length + conversion + "]";
                 call(spec, std::string(width) == "*", std::string(precision) == ".*");
             }
 }
 
 TEST(LogFormatTest, IntegersMatchTheCLibraryInEveryFlagWidthPrecisionAndLength) {
-    const long long values[] = {0, 1, -1, 42, -42, 255, 65535, -65536, 123456789, INT_MIN, LLONG_MAX,
-                                LLONG_MIN};
+    const long long values[] = {0,     1,      -1,        42,      -42,       255,
+                                65535, -65536, 123456789, INT_MIN, LLONG_MAX, LLONG_MIN};
     const int stars[] = {-7, 0, 3, 20};
     for (char conversion : {'d', 'i', 'u', 'x', 'X', 'o'}) {
         for (const char* length : {"", "hh", "h", "l", "ll", "z", "j", "t"}) {
-            everySpec(length, conversion, [&](const std::string& spec, bool starWidth,
-                                              bool starPrecision) {
-                const char* f = spec.c_str();
-                for (long long v : values) {
-                    std::string l(length);
-                    // Each length takes its own type through the variable
-                    // arguments, as a caller's would.
-                    auto one = [&](auto value) {
-                        if (starWidth && starPrecision) {
-                            for (int w : stars)
-                                for (int p : stars) expectSame(f, w, p, value);
-                        } else if (starWidth || starPrecision) {
-                            for (int s : stars) expectSame(f, s, value);
-                        } else {
-                            expectSame(f, value);
-                        }
-                    };
-                    if (l == "" || l == "hh" || l == "h")
-                        one(static_cast<int>(v));
-                    else if (l == "l")
-                        one(static_cast<long>(v));
-                    else if (l == "ll")
-                        one(v);
-                    else if (l == "z")
-                        one(static_cast<size_t>(v));
-                    else if (l == "j")
-                        one(static_cast<intmax_t>(v));
-                    else
-                        one(static_cast<ptrdiff_t>(v));
-                }
-            });
+            everySpec(length, conversion,
+                      [&](const std::string& spec, bool starWidth, bool starPrecision) {
+                          const char* f = spec.c_str();
+                          for (long long v : values) {
+                              std::string l(length);
+                              // Each length takes its own type through the variable
+                              // arguments, as a caller's would.
+                              auto one = [&](auto value) {
+                                  if (starWidth && starPrecision) {
+                                      for (int w : stars)
+                                          for (int p : stars) expectSame(f, w, p, value);
+                                  } else if (starWidth || starPrecision) {
+                                      for (int s : stars) expectSame(f, s, value);
+                                  } else {
+                                      expectSame(f, value);
+                                  }
+                              };
+                              if (l == "" || l == "hh" || l == "h")
+                                  one(static_cast<int>(v));
+                              else if (l == "l")
+                                  one(static_cast<long>(v));
+                              else if (l == "ll")
+                                  one(v);
+                              else if (l == "z")
+                                  one(static_cast<size_t>(v));
+                              else if (l == "j")
+                                  one(static_cast<intmax_t>(v));
+                              else
+                                  one(static_cast<ptrdiff_t>(v));
+                          }
+                      });
         }
     }
 }
@@ -167,8 +168,8 @@ TEST(LogFormatTest, MessagesOfTheLibraryMatchTheCLibrary) {
     expectSame("sendSynchronousCommand cmd starts with %02x %02x %02x %02x", b[0], b[1], b[2],
                b[3]);
     expectSame("%s(%d): ASSERT FAILURE! Expression: %s\n", "probe.cpp", 42, "1 + 1 == 3");
-    expectSame("xLog enlarged buffer from %u/%u to %u/%u, currently using %u/%u", 30000u,
-               3000000u, 90000u, 9000000u, 10000u, 1000000u);
+    expectSame("xLog enlarged buffer from %u/%u to %u/%u, currently using %u/%u", 30000u, 3000000u,
+               90000u, 9000000u, 10000u, 1000000u);
     expectSame("device %s index %d feature 0x%04x returned %d", "/dev/hidraw3", 7, 0x1d4b, -1);
     expectSame("%-20.*s|%.*s|%0*x|%0*X|%08x|%05d|%03u", 3, "tagword", 4, "functions", 6, 0xbeef, 6,
                0xbeef, 0xc0ffee, -12, 7u);

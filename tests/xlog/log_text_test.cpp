@@ -216,9 +216,17 @@ TEST(LogFileTest, WithoutFileNothingHappens) {
 namespace {
 
 TEST(LogFileTest, SecondsColumnIsWhatPercentFPrints) {
-    std::vector<uint64_t> micros = {0,          1,           9,           999999,
-                                    1000000,    1000001,     1234567,     86400000000ull,
-                                    (1ull << 50) - 1, 1ull << 50, ~0ull - 5};
+    std::vector<uint64_t> micros = {0,
+                                    1,
+                                    9,
+                                    999999,
+                                    1000000,
+                                    1000001,
+                                    1234567,
+                                    86400000000ull,
+                                    (1ull << 50) - 1,
+                                    1ull << 50,
+                                    ~0ull - 5};
     std::mt19937_64 random(7);
     for (int i = 0; i < 100000; ++i) micros.push_back(random() >> (random() % 64));
     for (uint64_t m : micros) {

@@ -149,9 +149,9 @@ int conversions() {
     std::snprintf(scratch, sizeof scratch, "%s", "/dev/hidraw3");
     const unsigned char b[] = {0x10, 0xff, 0x05, 0x1a};
     int local = 0;
-#define BOTH(...)                                                \
-    do {                                                         \
-        expectAndLog(__VA_ARGS__);                               \
+#define BOTH(...)                                                   \
+    do {                                                            \
+        expectAndLog(__VA_ARGS__);                                  \
         xLog("Probe", 2, "devio::Probe::conversions", __VA_ARGS__); \
     } while (false)
     BOTH("conv %s index %d feature 0x%04x returned %d", scratch, 7, 0x1d4b, -1);

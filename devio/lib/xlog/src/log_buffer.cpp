@@ -168,8 +168,8 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
                        std::string_view(message, messageLength)});
 
     entry.pending.store(1, std::memory_order_relaxed);
-    readerAt_ =
-        Position{wrap(r.entry + 1, entryCount_), wrap(r.byte + entry.skip + entry.size, byteCount_)};
+    readerAt_ = Position{wrap(r.entry + 1, entryCount_),
+                         wrap(r.byte + entry.skip + entry.size, byteCount_)};
     readPosition_.store(readerAt_);
     return ReadResult::output;
 }

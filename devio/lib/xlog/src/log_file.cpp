@@ -87,11 +87,11 @@ void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std
         size_t end = message.find('\n', pos);
         std::string_view part =
             message.substr(pos, end == std::string_view::npos ? end : end - pos);
-        int n = formatText(
-            line, sizeof line, "%s\t%s\t%d\t<%05d>.%s.%s\t%d\t%-20.*s\t%.*s %.*s\n", seconds, date,
-            static_cast<int>(processId_), static_cast<int>(threadId), nameSpace_.c_str(),
-            processName_.c_str(), level, static_cast<int>(tag.size()), tag.data(),
-            static_cast<int>(name.size()), name.data(), static_cast<int>(part.size()), part.data());
+        int n = formatText(line, sizeof line, "%s\t%s\t%d\t<%05d>.%s.%s\t%d\t%-20.*s\t%.*s %.*s\n",
+                           seconds, date, static_cast<int>(processId_), static_cast<int>(threadId),
+                           nameSpace_.c_str(), processName_.c_str(), level,
+                           static_cast<int>(tag.size()), tag.data(), static_cast<int>(name.size()),
+                           name.data(), static_cast<int>(part.size()), part.data());
         if (n < 0) {
             std::fputs("xLog fputs == 0\n", file_);
         } else {

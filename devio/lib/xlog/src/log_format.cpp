@@ -30,24 +30,20 @@ public:
     // memcpy or memset for them. The loops run on locals, since the stores
     // through a char pointer could otherwise change this object.
     void append(const char* text, size_t length) {
-        size_t n = pos_ < room_ ? (room_ - pos_ < length ? room_ - pos_ : length) : 0;
-        char* to = out_ + pos_;
-        pos_ += length;
-        if (n > 16) {
+        char* to = nullptr;
+        size_t n = claim(length, to);
+        if (n > 16)
             std::memcpy(to, text, n);
-            return;
-        }
-        for (size_t i = 0; i < n; ++i) to[i] = text[i];
+        else
+            for (size_t i = 0; i < n; ++i) to[i] = text[i];
     }
     void fill(char c, size_t count) {
-        size_t n = pos_ < room_ ? (room_ - pos_ < count ? room_ - pos_ : count) : 0;
-        char* to = out_ + pos_;
-        pos_ += count;
-        if (n > 16) {
+        char* to = nullptr;
+        size_t n = claim(count, to);
+        if (n > 16)
             std::memset(to, c, n);
-            return;
-        }
-        for (size_t i = 0; i < n; ++i) to[i] = c;
+        else
+            for (size_t i = 0; i < n; ++i) to[i] = c;
     }
     // Copies text up to the next '%' or the end of the format, and leaves
     // `p` there. The library's search finds long runs fast; short ones go
@@ -63,6 +59,14 @@ public:
     size_t length() const { return pos_; }
 
 private:
+    // Counts `length` more bytes; returns how many of them fit, and where.
+    size_t claim(size_t length, char*& to) {
+        size_t n = pos_ < room_ ? (room_ - pos_ < length ? room_ - pos_ : length) : 0;
+        to = out_ + pos_;
+        pos_ += length;
+        return n;
+    }
+
     char* out_;
     size_t room_;
     size_t pos_ = 0;
@@ -152,8 +156,7 @@ void putInteger(Output& out, const Conversion& c, char conversion, unsigned long
     size_t zeros =
         c.precision > 0 && static_cast<size_t>(c.precision) > digits ? c.precision - digits : 0;
     // "#o" makes sure that the text starts with a 0.
-    if (conversion == 'o' && c.alternate && zeros == 0 && (digits == 0 || *first != '0'))
-        zeros = 1;
+    if (conversion == 'o' && c.alternate && zeros == 0 && (digits == 0 || *first != '0')) zeros = 1;
 
     char prefix[2];
     size_t prefixLength = 0;
@@ -190,44 +193,44 @@ void putInteger(Output& out, const Conversion& c, char conversion, unsigned long
 
 long long signedArgument(Length length, va_list& args) {
     switch (length) {
-    case Length::hh:
-        return static_cast<signed char>(va_arg(args, int));
-    case Length::h:
-        return static_cast<short>(va_arg(args, int));
-    case Length::l:
-        return va_arg(args, long);
-    case Length::ll:
-        return va_arg(args, long long);
-    case Length::z:
-        return va_arg(args, ssize_t);
-    case Length::j:
-        return va_arg(args, intmax_t);
-    case Length::t:
-        return va_arg(args, ptrdiff_t);
-    case Length::none:
-        break;
+        case Length::hh:
+            return static_cast<signed char>(va_arg(args, int));
+        case Length::h:
+            return static_cast<short>(va_arg(args, int));
+        case Length::l:
+            return va_arg(args, long);
+        case Length::ll:
+            return va_arg(args, long long);
+        case Length::z:
+            return va_arg(args, ssize_t);
+        case Length::j:
+            return va_arg(args, intmax_t);
+        case Length::t:
+            return va_arg(args, ptrdiff_t);
+        case Length::none:
+            break;
     }
     return va_arg(args, int);
 }
 
 unsigned long long unsignedArgument(Length length, va_list& args) {
     switch (length) {
-    case Length::hh:
-        return static_cast<unsigned char>(va_arg(args, unsigned));
-    case Length::h:
-        return static_cast<unsigned short>(va_arg(args, unsigned));
-    case Length::l:
-        return va_arg(args, unsigned long);
-    case Length::ll:
-        return va_arg(args, unsigned long long);
-    case Length::z:
-        return va_arg(args, size_t);
-    case Length::j:
-        return va_arg(args, uintmax_t);
-    case Length::t:
-        return static_cast<std::make_unsigned_t<ptrdiff_t>>(va_arg(args, ptrdiff_t));
-    case Length::none:
-        break;
+        case Length::hh:
+            return static_cast<unsigned char>(va_arg(args, unsigned));
+        case Length::h:
+            return static_cast<unsigned short>(va_arg(args, unsigned));
+        case Length::l:
+            return va_arg(args, unsigned long);
+        case Length::ll:
+            return va_arg(args, unsigned long long);
+        case Length::z:
+            return va_arg(args, size_t);
+        case Length::j:
+            return va_arg(args, uintmax_t);
+        case Length::t:
+            return static_cast<std::make_unsigned_t<ptrdiff_t>>(va_arg(args, ptrdiff_t));
+        case Length::none:
+            break;
     }
     return va_arg(args, unsigned);
 }
@@ -274,81 +277,81 @@ bool convert(Output& out, const char*& p, va_list& args) {
         }
     }
     switch (*p) {
-    case 'h':
-        ++p;
-        c.length = *p == 'h' ? (++p, Length::hh) : Length::h;
-        break;
-    case 'l':
-        ++p;
-        c.length = *p == 'l' ? (++p, Length::ll) : Length::l;
-        break;
-    case 'z':
-        ++p, c.length = Length::z;
-        break;
-    case 'j':
-        ++p, c.length = Length::j;
-        break;
-    case 't':
-        ++p, c.length = Length::t;
-        break;
-    default:
-        break;
+        case 'h':
+            ++p;
+            c.length = *p == 'h' ? (++p, Length::hh) : Length::h;
+            break;
+        case 'l':
+            ++p;
+            c.length = *p == 'l' ? (++p, Length::ll) : Length::l;
+            break;
+        case 'z':
+            ++p, c.length = Length::z;
+            break;
+        case 'j':
+            ++p, c.length = Length::j;
+            break;
+        case 't':
+            ++p, c.length = Length::t;
+            break;
+        default:
+            break;
     }
     const char conversion = *p++;
     const bool onlyLeftFlag = !c.plus && !c.space && !c.alternate && !c.zero;
     switch (conversion) {
-    case 'd':
-    case 'i': {
-        long long value = signedArgument(c.length, args);
-        bool negative = value < 0;
-        unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(value)
-                                                : static_cast<unsigned long long>(value);
-        putInteger(out, c, conversion, magnitude, negative);
-        return true;
-    }
-    case 'u':
-    case 'x':
-    case 'X':
-    case 'o':
-        putInteger(out, c, conversion, unsignedArgument(c.length, args), false);
-        return true;
-    case 'c': {
-        if (c.length != Length::none || !onlyLeftFlag || c.precision >= 0) return false;
-        char ch = static_cast<char>(va_arg(args, int));
-        putPadded(out, c, &ch, 1);
-        return true;
-    }
-    case 's': {
-        if (c.length != Length::none || !onlyLeftFlag) return false;
-        const char* text = va_arg(args, const char*);
-        if (text == nullptr) return false;
-        size_t length = c.precision >= 0 ? strnlen(text, static_cast<size_t>(c.precision))
-                                         : std::strlen(text);
-        putPadded(out, c, text, length);
-        return true;
-    }
-    case 'p': {
-        if (c.length != Length::none || !onlyLeftFlag || c.precision >= 0) return false;
-        const void* pointer = va_arg(args, const void*);
-        if (pointer == nullptr) {
-            putPadded(out, c, "(nil)", 5);
+        case 'd':
+        case 'i': {
+            long long value = signedArgument(c.length, args);
+            bool negative = value < 0;
+            unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(value)
+                                                    : static_cast<unsigned long long>(value);
+            putInteger(out, c, conversion, magnitude, negative);
             return true;
         }
-        char buffer[24];
-        char* end = buffer + sizeof buffer;
-        char* first = digitsOf(reinterpret_cast<uintptr_t>(pointer), 16, false, end);
-        *--first = 'x';
-        *--first = '0';
-        putPadded(out, c, first, static_cast<size_t>(end - first));
-        return true;
-    }
-    case '%':
-        // Only a bare "%%"; anything between is vsnprintf's business.
-        if (p[-2] != '%') return false;
-        out.append("%", 1);
-        return true;
-    default:
-        return false;
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o':
+            putInteger(out, c, conversion, unsignedArgument(c.length, args), false);
+            return true;
+        case 'c': {
+            if (c.length != Length::none || !onlyLeftFlag || c.precision >= 0) return false;
+            char ch = static_cast<char>(va_arg(args, int));
+            putPadded(out, c, &ch, 1);
+            return true;
+        }
+        case 's': {
+            if (c.length != Length::none || !onlyLeftFlag) return false;
+            const char* text = va_arg(args, const char*);
+            if (text == nullptr) return false;
+            size_t length = c.precision >= 0 ? strnlen(text, static_cast<size_t>(c.precision))
+                                             : std::strlen(text);
+            putPadded(out, c, text, length);
+            return true;
+        }
+        case 'p': {
+            if (c.length != Length::none || !onlyLeftFlag || c.precision >= 0) return false;
+            const void* pointer = va_arg(args, const void*);
+            if (pointer == nullptr) {
+                putPadded(out, c, "(nil)", 5);
+                return true;
+            }
+            char buffer[24];
+            char* end = buffer + sizeof buffer;
+            char* first = digitsOf(reinterpret_cast<uintptr_t>(pointer), 16, false, end);
+            *--first = 'x';
+            *--first = '0';
+            putPadded(out, c, first, static_cast<size_t>(end - first));
+            return true;
+        }
+        case '%':
+            // Only a bare "%%"; anything between is vsnprintf's business.
+            if (p[-2] != '%') return false;
+            out.append("%", 1);
+            return true;
+        default:
+            return false;
     }
 }
 

@@ -21,6 +21,7 @@ int formatMessage(char* out, size_t size, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
 // As snprintf, through formatMessage.
-int formatText(char* out, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
+int formatText(char* out, size_t size, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 
 }  // namespace devio::xlog
