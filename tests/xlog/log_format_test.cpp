@@ -94,8 +94,7 @@ void everySpec(const std::string& length, char conversion, Call call) {
 }
 
 TEST(LogFormatTest, IntegersMatchTheCLibraryInEveryFlagWidthPrecisionAndLength) {
-    const long long values[] = {0,     1,      -1,        42,      -42,       255,
-                                65535, -65536, 123456789, INT_MIN, LLONG_MAX, LLONG_MIN};
+    const long long values[] = {0, 1, -1, 42, 255, -65536, INT_MIN, LLONG_MAX, LLONG_MIN};
     const int stars[] = {-7, 0, 3, 20};
     for (char conversion : {'d', 'i', 'u', 'x', 'X', 'o'}) {
         for (const char* length : {"", "hh", "h", "l", "ll", "z", "j", "t"}) {
