@@ -5,6 +5,7 @@
 
 #include "debug_log.h"
 #include "event_queue.h"
+#include "event_text.h"
 #include "globals.h"
 #include "line_input.h"
 #include "state_store.h"
@@ -82,6 +83,15 @@ void handleEvent(const std::string& line) {
 }  // namespace
 
 std::string stampLine(const std::string& line) {
+    // One scan per thread, so that its buffers serve line after line.
+    static thread_local EventScan scan;
+    if (scanEvent(line, scan)) {
+        // The same order of reads as below: the clock, then the store.
+        std::string timestamp = nowTimestamp();
+        std::string upload = getUploadId();
+        std::string client = getClientId();
+        return writeStamped(scan, {timestamp, upload, client, userHash});
+    }
     checkNesting(line);
     nlohmann::json event = nlohmann::json::parse(line);
     // operator[] turns null into an object and throws on any other

@@ -62,11 +62,12 @@ std::string updateState(const std::string& key, bool force, const StateTransform
     makeDataDir();
     int fd = openShared(statePath, O_RDWR | O_CREAT);
     if (fd < 0) storeFailure("cannot open");
-    ::lseek(fd, 0, SEEK_SET);
+    // The lock's range and every read and write name their offsets, so the
+    // descriptor's own position never matters and is never moved.
     bool locked = lockStateFile(fd) == 0;
 
     char buffer[stateFileLimit + 1];
-    ssize_t got = ::read(fd, buffer, stateFileLimit);
+    ssize_t got = ::pread(fd, buffer, stateFileLimit, 0);
     if (got < 0) storeFailure("cannot read");
     if (static_cast<std::size_t>(got) >= stateFileLimit) {
         std::fprintf(stderr, "qvclient: %s has reached %zu bytes\n", statePath.c_str(),
@@ -83,7 +84,6 @@ std::string updateState(const std::string& key, bool force, const StateTransform
         store = nullptr;
     }
     if (!store.is_object()) store = nullptr;
-    ::lseek(fd, 0, SEEK_SET);
 
     bool missing = true;
     std::string value;
@@ -108,7 +108,6 @@ std::string updateState(const std::string& key, bool force, const StateTransform
         missing = false;
     }
 
-    ::lseek(fd, 0, SEEK_SET);
     if (locked) unlockRange(fd);
     ::close(fd);
     return missing ? std::string() : value;

@@ -20,13 +20,26 @@ std::int64_t ticksToMs(std::uint64_t from, std::uint64_t to) {
 }
 
 std::string timestampText(std::uint64_t ticks) {
-    std::time_t seconds = static_cast<std::time_t>(ticks / 10000000);
-    std::tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    char text[64];
-    size_t n = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
-    std::snprintf(text + n, sizeof text - n, ".%06lu",
-                  static_cast<unsigned long>((ticks % 10000000) / 10));
+    // Every event line is stamped, and lines come many to the second: the
+    // date and time of day are formatted once a second, per thread.
+    thread_local std::time_t cachedSeconds = -1;
+    thread_local char cachedText[64];
+    thread_local std::size_t cachedLength = 0;
+    auto seconds = static_cast<std::time_t>(ticks / 10000000);
+    if (seconds != cachedSeconds) {
+        std::tm utc{};
+        ::gmtime_r(&seconds, &utc);
+        cachedLength = std::strftime(cachedText, sizeof cachedText, "%Y-%m-%d %H:%M:%S", &utc);
+        cachedSeconds = seconds;
+    }
+    // ".%06lu" of the microseconds, which are always below 1,000,000.
+    auto micros = static_cast<unsigned>((ticks % 10000000) / 10);
+    char fraction[7] = {'.'};
+    for (int i = 6; i > 0; --i, micros /= 10) fraction[i] = static_cast<char>('0' + micros % 10);
+    std::string text;
+    text.reserve(cachedLength + sizeof fraction);
+    text.append(cachedText, cachedLength);
+    text.append(fraction, sizeof fraction);
     return text;
 }
 

@@ -24,6 +24,12 @@ Device::Device(std::shared_ptr<IHardwareDevice> hw)
     : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
 
 Device::~Device() {
+    // The timer's thread and its queued event must not outlive us.
+    if (cache_write_timer) {
+        Subscriber<ITimer::TimerEvent>::unsubscribe(cache_write_timer);
+        cache_write_timer->stop();
+    }
+    if (cache_dirty) perform_cache_write();
     // Our members die before our Subscriber bases would leave the hardware
     // device's producers: leave them first, which also waits for a delivery
     // that the read thread is running in us.
@@ -44,6 +50,7 @@ bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     }
     DEV_LOG(2, "initDevice", "Device::initDevice enter, pid=0x%x", static_cast<unsigned>(product));
     if (manager) active = manager->is_active();
+    make_cache_write_timer();
     if (hwdev->bustype() == kBusTypeReceiver) {
         bool enabled = false;
         if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
@@ -125,17 +132,17 @@ unsigned Device::rand_range(unsigned low, int high) {
 
 void Device::store_feature(unsigned index, std::shared_ptr<IFeature> feature) {
     std::lock_guard<std::mutex> lock(features_mutex);
-    features[index] = std::move(feature);
+    feature_table[index] = std::move(feature);
 }
 
 bool Device::feature_based() {
     std::lock_guard<std::mutex> lock(features_mutex);
-    return !features.empty();
+    return !feature_table.empty();
 }
 
 std::shared_ptr<IFeature> Device::feature_at(unsigned index) {
     std::lock_guard<std::mutex> lock(features_mutex);
-    return features[index];
+    return feature_table[index];
 }
 
 }  // namespace devio

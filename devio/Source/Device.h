@@ -36,8 +36,11 @@ namespace devio {
 //   `last_report_mutex`, `features_mutex`, `command_mutex` and `swid_mutex`
 //   each alone, one after the other, and holds none while it hands a report
 //   to a feature.
-// - `cache_mutex` guards the cache of responses and is never held with
-//   another lock, so a cache hit costs one uncontended lock.
+// - `cache_mutex` guards the cache of responses, the firmware text it
+//   belongs to and the cache directory, and is never held with another
+//   lock, so a cache hit costs one uncontended lock.
+// - `cache_write_timer` is delivered on the host's pumping thread, which
+//   writes the cache file from a copy taken under `cache_mutex`.
 // - `hw_start_mutex` guards the start of the hardware side and is held while
 //   subscribing to the hardware device, which takes that producer's lock.
 //   The read thread holds the producer's lock while it waits for
@@ -52,6 +55,7 @@ class Device : public IDevice,
                public Subscriber<IHardwareDevice::Read>,
                public Subscriber<IHardwareDevice::Write>,
                public Subscriber<IHardwareDevice::Connect>,
+               public Subscriber<ITimer::TimerEvent>,
                public std::enable_shared_from_this<Device> {
 public:
     using Match = std::vector<std::uint32_t>;
@@ -72,11 +76,15 @@ public:
     std::string name() override { return hwdev->name(); }
     unsigned swid() override;
     int secondary_id() override { return hwdev->secondary_id(); }
+    void forget() override;
     std::weak_ptr<IDeviceManager> manager() override { return manager_; }
+    std::shared_ptr<IFeature> feature_by_id(unsigned id) override;
+    std::vector<std::shared_ptr<IFeature>> features() override;
     bool sendCommand(const std::vector<Byte>& report, bool wait_ready) override;
     bool sendSynchronousCommand(const std::vector<Byte>& command, std::vector<Byte>& response,
                                 int cache_mode, const Match& match) override;
     void abandon() override;
+    bool retry_load_feature_root() override;
     int hw_value() override { return hwdev->hw_value(); }
     unsigned rand_range(unsigned low, int high) override;
 
@@ -102,6 +110,33 @@ public:
     // answered with ours; picks the id that others used least lately.
     unsigned apply_swid_switch();
 
+    // Feature loading: the root first, then single features on demand or
+    // the whole table. A device that answered the root's version request
+    // with the VXP 1.0 error stays "not VXP 2.0" until `retry`.
+    bool load_feature_root(bool retry);
+    std::shared_ptr<IFeature> load_feature(unsigned id, bool cached);
+    bool load_features();
+    // Reads the firmware text that the cache belongs to, once.
+    bool load_fwinfo(bool had_cache);
+    // The running firmware's identification, or "NotPresent" for a device
+    // without firmware info; empty on failure.
+    std::string read_fwinfo(bool cached);
+    // Asks the device for its firmware again; a changed firmware makes the
+    // device forget its features and answers, and fails with
+    // `FwVersionChanged`.
+    bool do_fwcheck();
+    // The firmware text that the cache belongs to; empty until read.
+    std::string firmware_text();
+
+    // The feature cache file. A damaged file throws the XML parser's
+    // exception out of `persistent_data_directory`.
+    void persistent_data_directory(const std::string& dir);
+    void perform_cache_read();
+    void perform_cache_write();
+
+    // ITimer::TimerEvent, delivered on the host's pumping thread.
+    void onTimerEvent(int id) override;
+
 protected:
     // Classifies one report (a copy that may be rewritten).
     ReportType onReadHandler(std::vector<Byte>& report, bool rewrite_index);
@@ -125,7 +160,6 @@ private:
 
     // The engine's pieces.
     bool ping(const std::vector<Byte>& command, int attempt, bool& start_over);
-    bool do_fwcheck();
     bool cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& response);
     void cache_store(const std::vector<Byte>& command, const std::vector<Byte>& response);
     bool exchange_failed(ErrorCode err, unsigned value);
@@ -153,7 +187,7 @@ private:
     std::atomic<bool> read_path_ready{false};
 
     // Report routing.
-    std::map<std::uint32_t, std::shared_ptr<IFeature>> features;
+    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;
     std::mutex features_mutex;
     std::atomic<bool> switch_swid{false};
     // Written under `swid_mutex`; atomic so that the engine reads the id in
@@ -185,8 +219,28 @@ private:
     bool brb_enabled = false;
     std::atomic<bool> brb_active{false};
 
-    // Firmware check: the firmware text that the cache belongs to.
+    // Firmware check: the firmware text that the cache belongs to; guarded
+    // by cache_mutex.
     std::string fwinfo;
+
+    // Feature loading and the feature cache file. The loading state is
+    // written by the threads that load; atomic, so that two host threads
+    // loading at once only repeat work.
+    std::atomic<std::uint32_t> feature_root_state{0};  // 0 unknown, 1 not VXP 2.0, 2 loaded
+    std::atomic<bool> all_features_loaded{false};
+    // The check sends commands, whose retries may ask for the check again.
+    std::atomic<bool> in_fw_check{false};
+    std::string cache_dir;  // with its trailing separator; guarded by cache_mutex
+    // The firmware entity that was running when last asked.
+    std::atomic<std::uint32_t> fw_entity{0};
+
+    void set_fwinfo(const std::string& text);
+    std::shared_ptr<IFeature> stored_feature(unsigned index);
+    // Makes the object of a feature that the device's table lists, unless
+    // the table already holds it, and fills in its record.
+    std::shared_ptr<IFeature> put_feature(unsigned index, std::uint32_t id, bool obsolete,
+                                          bool hidden, bool engineering, unsigned version);
+    void make_cache_write_timer();
 };
 
 }  // namespace devio

@@ -61,19 +61,6 @@ void Device::cache_store(const std::vector<Byte>& command, const std::vector<Byt
     if (cache_write_timer) cache_write_timer->reset(10000);
 }
 
-bool Device::do_fwcheck() {
-    DEV_LOG(3, "do_fwcheck", "do_fwcheck entry");
-    if (fwinfo.empty()) {
-        DEV_LOG(3, "do_fwcheck",
-                "do_fwcheck exit, true, skipping check due to initial fwinfo not read yet");
-        return true;
-    }
-    // Reading the running firmware's identification needs the firmware
-    // feature, which arrives with feature loading; until then no firmware
-    // text is ever stored, so the branch above is the only one taken.
-    return true;
-}
-
 bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_over) {
     start_over = false;
     if (attempt > 0) {

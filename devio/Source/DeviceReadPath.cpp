@@ -6,7 +6,7 @@
 
 #include "Device.h"
 #include "DeviceLog.h"
-#include "FeatureInlet.h"
+#include "Feature.h"
 #include "VxpReport.h"
 
 namespace devio {
@@ -92,8 +92,9 @@ bool Device::deliver_notification(const std::vector<Byte>& report) {
     if (!feature) return false;
     DEV_LOG(3, "onReadHandler", "Report is a VXP 2.0 notification");
     if (active) {
-        if (auto* inlet = dynamic_cast<FeatureInlet*>(feature.get())) {
-            inlet->feature_report(static_cast<int>(vxp::function_of(report[3])), params_of(report));
+        if (auto entry = feature->sharedFeature()) {
+            entry->deliverFeatureReport(static_cast<int>(vxp::function_of(report[3])),
+                                        params_of(report));
         }
     }
     return true;
@@ -107,7 +108,8 @@ bool Device::complete_pending(const std::vector<Byte>& report) {
     }
     if (!vxp::header_matches(report, pending_command)) {
         DEV_LOG(3, "onReadHandler",
-                "Response with mismatched header does not complete our pending command. Continuing decoding... (!)");
+                "Response with mismatched header does not complete our pending command. Continuing "
+                "decoding... (!)");
     } else if (vxp::payload_matches(report, pending_command, match_indices)) {
         DEV_LOG(3, "onReadHandler", "Report is a Vxp command response");
         hwdev->response_seen(hwdev->response_token());
@@ -115,7 +117,8 @@ bool Device::complete_pending(const std::vector<Byte>& report) {
         return true;
     } else {
         DEV_LOG(3, "onReadHandler",
-                "Response with mismatched payload does not complete our pending command. Continuing decoding...");
+                "Response with mismatched payload does not complete our pending command. "
+                "Continuing decoding...");
     }
     // A device that answers one command late sends the answer to the
     // previous command now; the engine then flushes each answer out.
@@ -152,7 +155,8 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
     DEV_LOG(3, "onReadHandler", "Report is a feature response from other SW using swid 0x%x", sw);
     if (sw == swid()) {
         DEV_LOG(2, "onReadHandler",
-                "Report is an unexpected command response with our swid 0x%x, so we will switch our swid",
+                "Report is an unexpected command response with our swid 0x%x, so we will switch "
+                "our swid",
                 sw);
         switch_swid = true;
         need_ping = true;
@@ -160,11 +164,14 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
     note_other_swid(sw);
     auto feature = feature_at(report[2]);
     if (feature) {
-        auto* inlet = dynamic_cast<FeatureInlet*>(feature.get());
-        if (inlet != nullptr && active) inlet->unexpected_response(function, sw, params_of(report));
+        if (active) {
+            if (auto entry = feature->sharedFeature())
+                entry->deliverUnexpectedResponse(function, sw, params_of(report));
+        }
     } else if (sw != 0) {
         DEV_LOG(3, "onReadHandler",
-                "Report is a response to an unknown feature index %02x from other SW using swid 0x%x, ignoring",
+                "Report is a response to an unknown feature index %02x from other SW using swid "
+                "0x%x, ignoring",
                 report[2], sw);
     } else {
         DEV_LOG(3, "onReadHandler",

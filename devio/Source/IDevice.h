@@ -11,6 +11,7 @@
 namespace devio {
 
 class IDeviceManager;
+class IFeature;
 class IHardwareBus;
 
 // The logical device that hosts talk to, standing on one hardware device.
@@ -94,7 +95,15 @@ public:
     // The software id that our commands carry now.
     virtual unsigned swid() = 0;
     virtual int secondary_id() = 0;
+    // Drops what is known of the device's features and their answers; the
+    // root object stays.
+    virtual void forget() = 0;
     virtual std::weak_ptr<IDeviceManager> manager() = 0;
+    // The feature with this id, loaded on first need; empty with
+    // `NotPresent` when the device lacks it.
+    virtual std::shared_ptr<IFeature> feature_by_id(unsigned id) = 0;
+    // Every feature of the device, in index order.
+    virtual std::vector<std::shared_ptr<IFeature>> features() = 0;
     // Writes one report and does not wait for an answer. `wait_ready` makes
     // sure first that the read path runs, so that an answer cannot be lost.
     virtual bool sendCommand(const std::vector<Byte>& report, bool wait_ready) = 0;
@@ -106,6 +115,9 @@ public:
                                         const std::vector<std::uint32_t>& match) = 0;
     // Makes the waiting command and every later one fail with `Abandoned`.
     virtual void abandon() = 0;
+    // Asks the device again whether it speaks VXP 2.0, after an answer that
+    // said it does not.
+    virtual bool retry_load_feature_root() = 0;
     virtual int hw_value() = 0;
     virtual unsigned rand_range(unsigned low, int high) = 0;
 };

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <ctime>
+#include <random>
 #include <set>
+#include <vector>
 
 #include "client_process.h"
 #include "guid.h"
@@ -104,4 +107,32 @@ TEST(Timestamp, TextAndReadBack) {
     EXPECT_NEAR(
         qv::readTimestamp("2017-06-01 22:07:41.5") - qv::readTimestamp("2017-06-01 22:07:41"), 0.5,
         1e-9);
+}
+
+TEST(Timestamp, SameTextAsTheCalendarFunctions) {
+    // The date part is kept from one call to the next; stepping forward
+    // within a second, across seconds, and jumping back must each give what
+    // gmtime_r and strftime give.
+    auto reference = [](std::uint64_t ticks) {
+        std::time_t seconds = static_cast<std::time_t>(ticks / 10000000);
+        std::tm utc{};
+        ::gmtime_r(&seconds, &utc);
+        char text[64];
+        size_t n = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
+        std::snprintf(text + n, sizeof text - n, ".%06lu",
+                      static_cast<unsigned long>((ticks % 10000000) / 10));
+        return std::string(text);
+    };
+    const std::uint64_t second = 10000000;
+    std::vector<std::uint64_t> ticks;
+    const std::uint64_t bases[] = {0, 1496354861 * second, 1704067199 * second, 4102444799 * second,
+                                   253402300799 * second};
+    const std::uint64_t steps[] = {0, 9, 10, 9999990, second - 1, second, 61 * second};
+    for (std::uint64_t base : bases) {
+        for (std::uint64_t step : steps) ticks.push_back(base + step);
+        ticks.push_back(base + 3);  // back into an earlier second
+    }
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 2000; ++i) ticks.push_back(random() % (253402300800ull * second));
+    for (std::uint64_t t : ticks) EXPECT_EQ(qv::timestampText(t), reference(t)) << t;
 }

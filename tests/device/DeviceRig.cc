@@ -69,13 +69,13 @@ void Recorder::clear() {
     events_.clear();
 }
 
-void RecordingFeature::feature_report(int function, const std::vector<devio::Byte>& params) {
+void RecordingFeature::onFeatureReport(int function, const std::vector<devio::Byte>& params) {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back({static_cast<unsigned>(function), 0, params, true});
 }
 
-void RecordingFeature::unexpected_response(unsigned function, unsigned swid,
-                                           const std::vector<devio::Byte>& params) {
+void RecordingFeature::onUnexpectedResponse(unsigned function, unsigned swid,
+                                            const std::vector<devio::Byte>& params) {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back({function, swid, params, false});
 }
@@ -133,7 +133,7 @@ DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* descr
     }
     dev->initDevice(devio::cdevio.manager());
     if (feature_based) {
-        feature = std::make_shared<RecordingFeature>();
+        feature = std::make_shared<RecordingFeature>(0x0020, kCookieIndex, dev);
         dev->store_feature(kCookieIndex, feature);
     }
     rec.attach(dev);

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Device.h"
-#include "FeatureInlet.h"
+#include "Feature.h"
 #include "SimHost.h"
 
 namespace devtest {
@@ -61,18 +61,21 @@ private:
     std::vector<Event> events_;
 };
 
-// A feature object that only records what the device hands it.
-class RecordingFeature : public devio::IFeature, public devio::FeatureInlet {
+// A feature object that only records what the device hands its hooks.
+class RecordingFeature : public devio::Feature {
 public:
-    void feature_report(int function, const std::vector<devio::Byte>& params) override;
-    void unexpected_response(unsigned function, unsigned swid,
-                             const std::vector<devio::Byte>& params) override;
+    using devio::Feature::Feature;
     struct Call {
         unsigned function, swid;
         Bytes params;
         bool notification;
     };
     std::vector<Call> calls();
+
+protected:
+    void onFeatureReport(int function, const std::vector<devio::Byte>& params) override;
+    void onUnexpectedResponse(unsigned function, unsigned swid,
+                              const std::vector<devio::Byte>& params) override;
 
 private:
     std::mutex mutex_;

@@ -1,0 +1,187 @@
+// Root and feature set against a simulated device: what the device's
+// feature table says must come out of the typed calls, the right bytes must
+// go on the wire, and only constant queries may come from the cache.
+
+#include <gtest/gtest.h>
+
+#include "Feature0000Root.h"
+#include "FeatureBench.h"
+#include "IFeature0001FeatureSet.h"
+
+namespace devtest {
+namespace {
+
+struct TableEntry {
+    unsigned id, version;
+    bool obsolete, hidden, engineering;
+};
+// A dozen features with every combination of flags that matters.
+const TableEntry kTable[] = {
+    {0x0001, 1, false, false, false}, {0x0003, 2, false, false, false},
+    {0x0005, 0, false, false, false}, {0x0007, 1, false, true, false},
+    {0x0020, 0, false, false, false}, {0x1000, 3, false, false, false},
+    {0x1D4B, 2, true, true, false},   {0x1F1F, 0, false, false, true},
+    {0x00C2, 5, true, false, true},   {0x2201, 0, false, false, false},
+    {0x1B04, 4, false, false, false}, {0x4521, 255, false, true, true},
+};
+
+std::string tableMachine() {
+    std::string features;
+    for (const TableEntry& e : kTable) {
+        if (!features.empty()) features += ", ";
+        features += "{\"id\": " + std::to_string(e.id) +
+                    ", \"version\": " + std::to_string(e.version) +
+                    ", \"obsolete\": " + (e.obsolete ? "true" : "false") +
+                    ", \"hidden\": " + (e.hidden ? "true" : "false") +
+                    ", \"engineering\": " + (e.engineering ? "true" : "false") + "}";
+    }
+    return deviceMachine("\"protocol\": 4, \"target_sw\": 7, \"features\": [" + features + "]");
+}
+
+TEST(Root, GetFeatureReportsTheTableAndAbsentIdsAsIndexZero) {
+    FeatureBench bench(tableMachine());
+    ASSERT_TRUE(bench.root);
+    for (std::size_t i = 0; i < std::size(kTable); ++i) {
+        const TableEntry& e = kTable[i];
+        SCOPED_TRACE(e.id);
+        unsigned index = 99, version = 99;
+        bool obsolete = true, hidden = true, engineering = true;
+        ASSERT_TRUE(bench.root->GetFeature(e.id, &index, &obsolete, &hidden, &engineering, &version,
+                                           false));
+        EXPECT_EQ(index, i + 1);
+        EXPECT_EQ(version, e.version);
+        EXPECT_EQ(obsolete, e.obsolete);
+        EXPECT_EQ(hidden, e.hidden);
+        EXPECT_EQ(engineering, e.engineering);
+    }
+    // The request carries the id big-endian in the first two parameters.
+    // (This device has only long reports: the hardware layer sends the
+    // short command as one.)
+    const Bytes last = bench.rig.rec.sent().back();
+    EXPECT_EQ(last[2], 0x00);
+    EXPECT_EQ(last[3], 0x00 | bench.rig.dev->swid());
+    EXPECT_EQ(last[4], 0x45);
+    EXPECT_EQ(last[5], 0x21);
+
+    // Four parameters do not fit a short report. Feature 0x1B04 has no
+    // implementation in this firmware: the error report is its answer.
+    auto plain = bench.loadFeature(0x1B04);
+    ASSERT_TRUE(plain);
+    Bytes response;
+    EXPECT_FALSE(plain->sendSynchronousFeatureCommand(2, {1, 2, 3, 4}, response, 0));
+    EXPECT_EQ(devio::error_record().err, devio::Vxp20Error7);
+    const Bytes longCommand = bench.rig.rec.sent().back();
+    EXPECT_EQ(longCommand[0], 0x11);
+    EXPECT_EQ(longCommand[2], 11);
+    EXPECT_EQ(longCommand[3], 0x20 | bench.rig.dev->swid());
+    EXPECT_EQ(Bytes(longCommand.begin() + 4, longCommand.begin() + 8), (Bytes{1, 2, 3, 4}));
+
+    unsigned index = 99;
+    ASSERT_TRUE(bench.root->GetFeature(0x1D4C, &index, nullptr, nullptr, nullptr, nullptr, false));
+    EXPECT_EQ(index, 0u);
+    // With every out-parameter null the command still goes out.
+    bench.sentSinceLastLook();
+    ASSERT_TRUE(bench.root->GetFeature(0x0001, nullptr, nullptr, nullptr, nullptr, nullptr, false));
+    EXPECT_EQ(bench.sentSinceLastLook(), 1u);
+}
+
+TEST(Root, ProtocolVersionTargetSwAndPing) {
+    FeatureBench bench(tableMachine());
+    unsigned protocol = 0, targetsw = 0, echo = 0;
+    ASSERT_TRUE(bench.root->GetProtocolVersion(0x5A, &protocol, &targetsw, &echo));
+    EXPECT_EQ(protocol, 4u);
+    EXPECT_EQ(targetsw, 7u);
+    EXPECT_EQ(echo, 0x5Au);
+    const Bytes wire = bench.rig.rec.sent().back();
+    EXPECT_EQ(wire[3], 0x10 | bench.rig.dev->swid()) << "function 1";
+    EXPECT_EQ(wire[6], 0x5A);
+
+    // Ping data makes a request that the cache must never answer; without
+    // it the request is constant.
+    bench.sentSinceLastLook();
+    ASSERT_TRUE(bench.root->GetProtocolVersion(0x5A, nullptr, nullptr, nullptr));
+    EXPECT_EQ(bench.sentSinceLastLook(), 1u);
+    ASSERT_TRUE(bench.root->GetProtocolVersion(0, nullptr, nullptr, nullptr));
+    EXPECT_EQ(bench.sentSinceLastLook(), 1u);
+    ASSERT_TRUE(bench.root->GetProtocolVersion(0, &protocol, &targetsw, &echo));
+    EXPECT_EQ(bench.sentSinceLastLook(), 0u) << "second constant query comes from the cache";
+    EXPECT_EQ(protocol, 4u);
+    EXPECT_EQ(targetsw, 7u);
+    EXPECT_EQ(echo, 0u);
+
+    // Ping: the echo comes back; the wire carries function 1 and the data.
+    for (devio::Byte data : {devio::Byte{0x00}, devio::Byte{0x11}, devio::Byte{0xFF}}) {
+        ASSERT_TRUE(bench.root->Ping(data));
+        const Bytes ping = bench.rig.rec.sent().back();
+        EXPECT_EQ(ping[2], 0x00);
+        EXPECT_EQ(ping[3], 0x10 | bench.rig.dev->swid());
+        EXPECT_EQ(ping[6], data);
+    }
+}
+
+// A VXP 1.0 device answers the version query with its own error report:
+// TargetSw fails with the 1.0 error, stays unread and asks again next time.
+TEST(Root, TargetSwOfAVxp10DeviceFailsAndIsRetried) {
+    FeatureBench bench(deviceMachine("\"vxp\": \"1.0\""));
+    bench.sentSinceLastLook();
+    for (int round = 0; round < 2; ++round) {
+        devio::set_error(devio::Success);
+        unsigned protocol = 77;
+        EXPECT_FALSE(bench.root->TargetSw(&protocol, nullptr));
+        EXPECT_EQ(devio::error_record().err, devio::Vxp10Error1);
+        EXPECT_EQ(protocol, 77u) << "nothing written on failure";
+        EXPECT_EQ(bench.sentSinceLastLook(), 1u) << "round " << round;
+    }
+}
+
+// A failed reading leaves the version unread; the next call asks again and
+// keeps the answer.
+TEST(Root, TargetSwAfterAFailureAsksAgain) {
+    FeatureBench bench(tableMachine());
+    bench.rig.sim("fault mouse error 2 5 1");
+    bench.sentSinceLastLook();
+    unsigned protocol = 0, targetsw = 0;
+    EXPECT_FALSE(bench.root->TargetSw(&protocol, &targetsw));
+    EXPECT_EQ(devio::error_record().err, devio::Vxp20Error5);
+    EXPECT_EQ(bench.sentSinceLastLook(), 1u);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(bench.root->TargetSw(&protocol, &targetsw));
+        EXPECT_EQ(protocol, 4u);
+        EXPECT_EQ(targetsw, 7u);
+    }
+    EXPECT_EQ(bench.sentSinceLastLook(), 1u);
+}
+
+TEST(FeatureSet, CountAndEveryRecordWithFlagsAndVersions) {
+    FeatureBench bench(tableMachine());
+    auto set = bench.load<devio::IFeature0001FeatureSet>(0x0001);
+    ASSERT_TRUE(set);
+    unsigned count = 0;
+    ASSERT_TRUE(set->GetCount(&count));
+    EXPECT_EQ(count, std::size(kTable));
+    for (unsigned index = 1; index <= count; ++index) {
+        const TableEntry& e = kTable[index - 1];
+        SCOPED_TRACE(index);
+        unsigned id = 0, version = 99;
+        bool engineering = true, sw = true, obsolete = true;
+        ASSERT_TRUE(set->GetFeatureID(index, &id, &engineering, &sw, &obsolete, &version));
+        EXPECT_EQ(id, e.id);
+        EXPECT_EQ(version, e.version);
+        EXPECT_EQ(engineering, e.engineering);
+        EXPECT_EQ(sw, e.hidden);
+        EXPECT_EQ(obsolete, e.obsolete);
+        const Bytes wire = bench.rig.rec.sent().back();
+        EXPECT_EQ(wire[2], 1) << "the feature set's index";
+        EXPECT_EQ(wire[3], 0x10 | bench.rig.dev->swid());
+        EXPECT_EQ(wire[4], index);
+    }
+    // Both are constant queries: a second walk sends nothing.
+    bench.sentSinceLastLook();
+    ASSERT_TRUE(set->GetCount(nullptr));
+    for (unsigned index = 1; index <= count; ++index)
+        ASSERT_TRUE(set->GetFeatureID(index, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(bench.sentSinceLastLook(), 0u);
+}
+
+}  // namespace
+}  // namespace devtest
