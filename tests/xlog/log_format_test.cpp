@@ -6,13 +6,17 @@
 #include "log_format.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -49,17 +53,17 @@ Result formatWith(bool ours, size_t size, const char* format, va_list args, bool
 }
 
 // Compares the two formatters on one format with its arguments, whole and
-// cut at a few sizes.
-void expectSame(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
+// cut at a few sizes, or at every size when `everySize`.
+void expectSameAt(bool everySize, const char* format, va_list args) {
     va_list copy;
     va_copy(copy, args);
     bool guards = true;
     Result expected = formatWith(false, 512, format, copy, guards);
     va_end(copy);
     size_t whole = static_cast<size_t>(expected.length > 0 ? expected.length : 0);
-    for (size_t size : {size_t{512}, size_t{0}, size_t{1}, size_t{6}, whole, whole + 1}) {
+    std::vector<size_t> sizes{512, 0, 1, 6, whole, whole + 1};
+    for (size_t size = 2; everySize && size < whole; ++size) sizes.push_back(size);
+    for (size_t size : sizes) {
         va_list a, b;
         va_copy(a, args);
         va_copy(b, args);
@@ -73,8 +77,48 @@ void expectSame(const char* format, ...) {
             break;
         }
     }
+}
+
+void expectSame(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    expectSameAt(false, format, args);
     va_end(args);
 }
+
+void expectSameAtEverySize(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    expectSameAt(true, format, args);
+    va_end(args);
+}
+
+// A readable page followed by one that is not: a text placed at the end of
+// the first makes a formatter that reads past the page of its text fault.
+class PageEnd {
+public:
+    PageEnd() {
+        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        void* map = mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                         -1, 0);
+        if (map == MAP_FAILED) throw std::runtime_error("mmap");
+        base_ = static_cast<char*>(map);
+        mprotect(base_ + page_, page_, PROT_NONE);
+    }
+    ~PageEnd() { munmap(base_, 2 * page_); }
+    PageEnd(const PageEnd&) = delete;
+    PageEnd& operator=(const PageEnd&) = delete;
+    // The text with its NUL as the last readable byte.
+    const char* place(const std::string& text) {
+        char* at = base_ + page_ - text.size() - 1;
+        std::memcpy(at, text.c_str(), text.size() + 1);
+        return at;
+    }
+
+private:
+    size_t page_ = 0;
+    char* base_ = nullptr;
+};
 
 // Every combination of flags, width and precision for one conversion letter
 // with one length modifier, over `values` given to `call`.
@@ -236,6 +280,32 @@ TEST(LogFormatTest, RandomValuesAndSpecsMatchTheCLibrary) {
             expectSame((spec + "ll" + conversion + ">").c_str(), value);
             expectSame((spec + conversion + ">").c_str(), static_cast<int>(value));
         }
+        if (HasFailure()) break;
+    }
+}
+
+// Messages as the library writes them, runs of text between the common
+// conversions, with the format and the strings ending where the readable
+// memory ends, cut at every size.
+TEST(LogFormatTest, TextRunsAndCommonConversionsMatchTheCLibraryAtEveryCutAndPageEnd) {
+    std::mt19937_64 random(20241123);
+    PageEnd formatPage, firstPage, secondPage;
+    const char* numbers[] = {"%d", "%i", "%5d", "%-3d", "%+d"};
+    const char* hex[] = {"%x", "%u", "%02x", "%08X", "%#x"};
+    const char* texts[] = {"%s", "%.3s", "%-6s", "%s"};
+    auto run = [&] {
+        std::string text(random() % 40, ' ');
+        for (char& c : text) c = static_cast<char>(' ' + 1 + random() % 94);
+        std::replace(text.begin(), text.end(), '%', '=');
+        return text;
+    };
+    for (int round = 0; round < 400; ++round) {
+        std::string format = run() + texts[random() % 4] + run() + numbers[random() % 5] + run() +
+                             hex[random() % 5] + run() + texts[random() % 4] + run();
+        int number = static_cast<int>(random() >> (random() % 64));
+        unsigned bits = static_cast<unsigned>(random() >> (random() % 64));
+        expectSameAtEverySize(formatPage.place(format), firstPage.place(run()), number, bits,
+                              secondPage.place(run() + run()));
         if (HasFailure()) break;
     }
 }

@@ -8,6 +8,10 @@
 #include <cstring>
 #include <type_traits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace devio::xlog {
 
 namespace {
@@ -15,6 +19,16 @@ namespace {
 // A width or precision beyond this is left to vsnprintf, which knows what to
 // do when the result no longer fits an int.
 constexpr int maxField = 1 << 20;
+
+// Bytes looked at, and stored, in one step of a run copy.
+constexpr size_t block = 16;
+
+// Whether a block read at `p` stays within p's page, and so cannot fault
+// even when the text ends earlier.
+bool blockInPage(const char* p) {
+    constexpr uintptr_t page = 4096;
+    return (reinterpret_cast<uintptr_t>(p) & (page - 1)) <= page - block;
+}
 
 // Appends to the caller's buffer, cutting at its end like vsnprintf, while
 // still counting the full length.
@@ -26,33 +40,25 @@ public:
         if (pos_ < room_) out_[pos_] = c;
         ++pos_;
     }
-    // Log messages are made of short pieces: a plain loop beats a call of
-    // memcpy or memset for them. The loops run on locals, since the stores
-    // through a char pointer could otherwise change this object.
     void append(const char* text, size_t length) {
         char* to = nullptr;
         size_t n = claim(length, to);
-        if (n > 16)
-            std::memcpy(to, text, n);
-        else
-            for (size_t i = 0; i < n; ++i) to[i] = text[i];
+        std::memcpy(to, text, n);
     }
     void fill(char c, size_t count) {
         char* to = nullptr;
         size_t n = claim(count, to);
-        if (n > 16)
-            std::memset(to, c, n);
-        else
-            for (size_t i = 0; i < n; ++i) to[i] = c;
+        std::memset(to, c, n);
     }
     // Copies text up to the next '%' or the end of the format, and leaves
-    // `p` there. The library's search finds long runs fast; short ones go
-    // by the loop in append.
-    void copyLiteral(const char*& p) {
-        const char* end = strchrnul(p, '%');
-        append(p, static_cast<size_t>(end - p));
-        p = end;
-    }
+    // `p` there.
+    void copyLiteral(const char*& p) { copyRun<true>(p); }
+    // Copies a whole NUL-terminated string.
+    void copyString(const char* text) { copyRun<false>(text); }
+
+    // Writes the digits of `value` straight into the output when they fit.
+    void putNumber(unsigned long long value, unsigned base, bool upper);
+
     void terminate(size_t size) {
         if (size != 0) out_[pos_ < room_ ? pos_ : room_] = '\0';
     }
@@ -65,6 +71,50 @@ private:
         to = out_ + pos_;
         pos_ += length;
         return n;
+    }
+    bool roomFor(size_t n) const { return pos_ < room_ && room_ - pos_ >= n; }
+
+    // Log messages are made of runs of a few to a few dozen bytes, which a
+    // search followed by a copy would each pass over, at the cost of two
+    // calls. Here one pass looks at a block of the text and stores it whole,
+    // then counts how much of it belonged to the run; the output has room
+    // for the block, and reading past the run's end within its page is
+    // harmless, though the sanitizers would count it as a fault.
+    template <bool stopAtPercent>
+    __attribute__((no_sanitize("address", "thread"))) void copyRun(const char*& p) {
+#if defined(__SSE2__)
+        const __m128i nul = _mm_setzero_si128();
+        const __m128i percent = _mm_set1_epi8('%');
+#endif
+        for (;;) {
+#if defined(__SSE2__)
+            if (roomFor(block) && blockInPage(p)) {
+                __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+                __m128i ends = _mm_cmpeq_epi8(bytes, nul);
+                if constexpr (stopAtPercent)
+                    ends = _mm_or_si128(ends, _mm_cmpeq_epi8(bytes, percent));
+                unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(ends));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(out_ + pos_), bytes);
+                size_t taken = mask != 0 ? static_cast<size_t>(__builtin_ctz(mask)) : block;
+                pos_ += taken;
+                p += taken;
+                if (mask != 0) return;
+                continue;
+            }
+#endif
+            // Near the end of the output, or of a page: byte by byte, until
+            // the output is full; from there on the rest is only counted.
+            char c = *p;
+            if (c == '\0' || (stopAtPercent && c == '%')) return;
+            if (pos_ >= room_) {
+                const char* end = stopAtPercent ? strchrnul(p, '%') : p + std::strlen(p);
+                pos_ += static_cast<size_t>(end - p);
+                p = end;
+                return;
+            }
+            out_[pos_++] = c;
+            ++p;
+        }
     }
 
     char* out_;
@@ -129,11 +179,27 @@ char* digitsOf(unsigned long long value, unsigned base, bool upper, char* end) {
     return p;
 }
 
-void putDigits(Output& out, unsigned long long value, unsigned base, bool upper) {
+// The number of digits of `value` in `base`.
+unsigned digitCount(unsigned long long value, unsigned base) {
+    unsigned bits = 64 - static_cast<unsigned>(__builtin_clzll(value | 1));
+    if (base == 16) return (bits + 3) / 4;
+    if (base == 8) return (bits + 2) / 3;
+    unsigned count = 1;
+    for (unsigned long long limit = 10; value >= limit && count < 20; limit *= 10) ++count;
+    return count;
+}
+
+void Output::putNumber(unsigned long long value, unsigned base, bool upper) {
+    unsigned count = digitCount(value, base);
+    if (roomFor(count)) {
+        digitsOf(value, base, upper, out_ + pos_ + count);
+        pos_ += count;
+        return;
+    }
     char buffer[24];
     char* end = buffer + sizeof buffer;
     char* first = digitsOf(value, base, upper, end);
-    out.append(first, static_cast<size_t>(end - first));
+    append(first, static_cast<size_t>(end - first));
 }
 
 void putPadded(Output& out, const Conversion& c, const char* text, size_t length) {
@@ -378,11 +444,11 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
             unsigned long long magnitude = value < 0 ? 0ULL - static_cast<unsigned long long>(value)
                                                      : static_cast<unsigned long long>(value);
             if (value < 0) output.put('-');
-            putDigits(output, magnitude, 10, false);
+            output.putNumber(magnitude, 10, false);
             continue;
         }
         if (*p == 'u' || *p == 'x') {
-            putDigits(output, va_arg(each, unsigned), *p == 'u' ? 10 : 16, false);
+            output.putNumber(va_arg(each, unsigned), *p == 'u' ? 10 : 16, false);
             ++p;
             continue;
         }
@@ -406,7 +472,7 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
                 handled = false;
                 break;
             }
-            output.append(text, std::strlen(text));
+            output.copyString(text);
             continue;
         }
         if (!convert(output, p, each)) {
