@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <cstring>
+#include <new>
 
 namespace devio {
 
@@ -56,13 +57,23 @@ void LogBuffer::GuardedPosition::store(const Position& next) {
 LogBuffer::LogBuffer(size_t entries, size_t bytes)
     : entryCount_(entries < entryReserve + 1 ? entryReserve + 1 : entries),
       byteCount_(bytes < byteReserve + 8 ? byteReserve + 8 : bytes),
-      entries_(new Entry[entryCount_]),
-      bytes_(new char[byteCount_]) {
-    for (size_t i = 0; i < entryCount_; ++i)
-        entries_[i].pending.store(1, std::memory_order_relaxed);
+      // Rings are taken as fresh, untouched memory: a grown ring of millions
+      // of entries is ready at once, and its pages are mapped as the writers
+      // reach them, rather than all up front by the log thread while the
+      // writers fill the old one. For the same reason an entry's `pending` is
+      // raised when its slot is taken, not for the whole ring here.
+      entries_(static_cast<Entry*>(std::calloc(entryCount_, sizeof(Entry)))),
+      bytes_(static_cast<char*>(std::malloc(byteCount_))) {
+    if (!entries_ || !bytes_) throw std::bad_alloc();
 }
 
 LogBuffer::~LogBuffer() = default;
+
+// Under the writers' flag, before the slot is published: a reader that sees
+// the slot taken also sees it pending.
+void LogBuffer::raisePending(uint64_t entry) {
+    std::atomic_ref(entries_[entry].pending).store(1, std::memory_order_relaxed);
+}
 
 LogBuffer::Position LogBuffer::loadWrite() const {
     takeFlag(write_.flag);
@@ -71,16 +82,11 @@ LogBuffer::Position LogBuffer::loadWrite() const {
     return copy;
 }
 
-size_t LogBuffer::usedEntries() const {
+LogBuffer::Usage LogBuffer::usage() const {
     Position r = readPosition_.load();
     Position w = loadWrite();
-    return static_cast<size_t>(wrap(w.entry + entryCount_ - r.entry, entryCount_));
-}
-
-size_t LogBuffer::usedBytes() const {
-    Position r = readPosition_.load();
-    Position w = loadWrite();
-    return static_cast<size_t>(wrap(w.byte + byteCount_ - r.byte, byteCount_));
+    return {static_cast<size_t>(wrap(w.entry + entryCount_ - r.entry, entryCount_)),
+            static_cast<size_t>(wrap(w.byte + byteCount_ - r.byte, byteCount_))};
 }
 
 bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
@@ -103,9 +109,11 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         // position seen earlier, the slot is taken in the same hold of the
         // flag: the common case costs one acquisition.
         bool taken = onSpace == nullptr && fits(w, r, size, skip);
-        if (taken)
+        if (taken) {
+            raisePending(w.entry);
             write_.position =
                 Position{wrap(w.entry + 1, entryCount_), wrap(w.byte + skip + size, byteCount_)};
+        }
         releaseFlag(write_.flag);
         if (!taken) {
             if (!fits(w, r, size, skip)) {
@@ -117,6 +125,7 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
             takeFlag(write_.flag);
             bool same = write_.position == w;
             if (same) {
+                raisePending(w.entry);
                 write_.position = next;
                 write_.readSeen = r;
             }
@@ -141,7 +150,7 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         *out++ = '\0';
         std::memcpy(out, message.data(), message.size());
         out[message.size()] = '\0';
-        entry.pending.store(0, std::memory_order_release);
+        std::atomic_ref(entry.pending).store(0, std::memory_order_release);
         return true;
     }
 }
@@ -153,7 +162,8 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
         if (r == knownWrite_) return ReadResult::empty;
     }
     Entry& entry = entries_[r.entry];
-    if (entry.pending.load(std::memory_order_acquire) != 0) return ReadResult::pending;
+    if (std::atomic_ref(entry.pending).load(std::memory_order_acquire) != 0)
+        return ReadResult::pending;
 
     const char* record = bytes_.get() + wrap(r.byte + entry.skip, byteCount_);
     size_t tagLength = std::strlen(record);
@@ -167,7 +177,7 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
                        std::string_view(function, functionLength),
                        std::string_view(message, messageLength)});
 
-    entry.pending.store(1, std::memory_order_relaxed);
+    std::atomic_ref(entry.pending).store(1, std::memory_order_relaxed);
     readerAt_ = Position{wrap(r.entry + 1, entryCount_),
                          wrap(r.byte + entry.skip + entry.size, byteCount_)};
     readPosition_.store(readerAt_);

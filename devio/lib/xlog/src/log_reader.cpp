@@ -45,8 +45,9 @@ size_t grown(size_t size, bool belowThird, size_t ceiling) {
 void growIfNeeded(LogState& s) {
     LogBuffer* current = s.current.load();
     if (current == nullptr) return;
-    size_t usedEntries = current->usedEntries();
-    size_t usedBytes = current->usedBytes();
+    LogBuffer::Usage used = current->usage();
+    size_t usedEntries = used.entries;
+    size_t usedBytes = used.bytes;
     size_t entryThird = current->entryCount() - current->entryCount() * 2 / 3;
     size_t byteThird = current->byteCount() - current->byteCount() * 2 / 3;
     if (usedEntries < entryThird && usedBytes < byteThird) return;
@@ -104,9 +105,10 @@ void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
 // Writes one record, oldest buffer first; returns whether it did something
 // (or should be called again at once).
 bool outputFromOldestBuffer(LogState& s) {
-    // Measuring the rings takes both spin flags; once every few records is
-    // soon enough, a third of the rings being thousands of records.
-    constexpr unsigned growCheckInterval = 64;
+    // Measuring the rings takes the writers' spin flag, pulling it away from
+    // them; every few records is soon enough, a third of even the first
+    // rings being thousands of records.
+    constexpr unsigned growCheckInterval = 8;
     if (s.outputsSinceGrowCheck++ % growCheckInterval == 0) {
         countOutputs(s);
         growIfNeeded(s);
