@@ -127,7 +127,8 @@ private:
 
     Position loadWrite() const;
     void raisePending(uint64_t entry);
-    bool fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const;
+    [[gnu::always_inline]] bool fits(const Position& w, const Position& r, uint64_t size,
+                                     uint64_t& skip) const;
 
     const size_t entryCount_;
     const size_t byteCount_;

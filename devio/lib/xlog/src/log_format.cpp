@@ -184,9 +184,30 @@ unsigned digitCount(unsigned long long value, unsigned base) {
     unsigned bits = 64 - static_cast<unsigned>(__builtin_clzll(value | 1));
     if (base == 16) return (bits + 3) / 4;
     if (base == 8) return (bits + 2) / 3;
-    unsigned count = 1;
-    for (unsigned long long limit = 10; value >= limit && count < 20; limit *= 10) ++count;
-    return count;
+    static constexpr unsigned long long powers[] = {1ULL,
+                                                    10ULL,
+                                                    100ULL,
+                                                    1000ULL,
+                                                    10000ULL,
+                                                    100000ULL,
+                                                    1000000ULL,
+                                                    10000000ULL,
+                                                    100000000ULL,
+                                                    1000000000ULL,
+                                                    10000000000ULL,
+                                                    100000000000ULL,
+                                                    1000000000000ULL,
+                                                    10000000000000ULL,
+                                                    100000000000000ULL,
+                                                    1000000000000000ULL,
+                                                    10000000000000000ULL,
+                                                    100000000000000000ULL,
+                                                    1000000000000000000ULL,
+                                                    10000000000000000000ULL};
+    // bits * log10(2), rounded down: the count, or one more than it.
+    unsigned guess = (bits * 1233) >> 12;
+    unsigned count = guess + (value >= powers[guess] ? 1 : 0);
+    return count == 0 ? 1 : count;
 }
 
 void Output::putNumber(unsigned long long value, unsigned base, bool upper) {
@@ -424,11 +445,10 @@ bool convert(Output& out, const char*& p, va_list& args) {
 }  // namespace
 
 int formatMessage(char* out, size_t size, const char* format, va_list args) {
-    // One copy is read conversion by conversion; the other stays whole for
+    // A copy is read conversion by conversion; `args` itself stays whole for
     // vsnprintf, should a conversion turn out to be one of its own.
-    va_list each, whole;
+    va_list each;
     va_copy(each, args);
-    va_copy(whole, args);
     Output output(out, size);
     const char* p = format;
     bool handled = true;
@@ -485,9 +505,11 @@ int formatMessage(char* out, size_t size, const char* format, va_list args) {
         output.terminate(size);
         result = static_cast<int>(output.length());
     } else {
+        va_list whole;
+        va_copy(whole, args);
         result = std::vsnprintf(out, size, format, whole);
+        va_end(whole);
     }
-    va_end(whole);
     va_end(each);
     return result;
 }

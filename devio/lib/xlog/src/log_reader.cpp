@@ -1,6 +1,7 @@
 #include <chrono>
 #include <string>
 
+#include "log_clock.h"
 #include "log_config.h"
 #include "log_platform.h"
 #include "log_state.h"
@@ -82,6 +83,8 @@ bool anyWriters(const LogState& s) {
 
 // Waits for a writer's wake-up or the idle interval; flushes on the latter.
 void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
+    // Idle moments are when the clock's rate is measured.
+    refineClock();
     s.readerWaiting.store(true, std::memory_order_seq_cst);
     bool claimed = false;
     countOutputs(s);
@@ -146,6 +149,7 @@ void countOutputs(LogState& s) {
 
 void logThreadProc() {
     XLogPlatformSpecific::lowerThreadPriority();
+    refineClock();
     drainingHere = true;
     LogState& s = state();
     std::unique_lock lock(s.threadMutex);

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "log_clock.h"
 #include "log_config.h"
 #include "log_format.h"
 #include "log_names.h"
