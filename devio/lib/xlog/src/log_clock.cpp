@@ -109,13 +109,14 @@ uint64_t convert(uint64_t ticks, uint64_t fromTicks, uint64_t fromMicros, uint64
                             (static_cast<Wide>(ticks - fromTicks) * rate) >> rateShift);
 }
 
+// A reader that sees any of the new values also sees the odd sequence
+// number stored before them, and tries again.
 void publish(uint64_t ticks, uint64_t micros, uint64_t rate) {
     uint32_t sequence = conversion.sequence.load(std::memory_order_relaxed);
     conversion.sequence.store(sequence + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    conversion.ticks.store(ticks, std::memory_order_relaxed);
-    conversion.micros.store(micros, std::memory_order_relaxed);
-    conversion.rate.store(rate, std::memory_order_relaxed);
+    conversion.ticks.store(ticks, std::memory_order_release);
+    conversion.micros.store(micros, std::memory_order_release);
+    conversion.rate.store(rate, std::memory_order_release);
     conversion.sequence.store(sequence + 2, std::memory_order_release);
 }
 
@@ -134,10 +135,9 @@ uint64_t monotonicMicros() {
     uint64_t fromTicks, fromMicros, rate;
     do {
         sequence = conversion.sequence.load(std::memory_order_acquire);
-        fromTicks = conversion.ticks.load(std::memory_order_relaxed);
-        fromMicros = conversion.micros.load(std::memory_order_relaxed);
-        rate = conversion.rate.load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        fromTicks = conversion.ticks.load(std::memory_order_acquire);
+        fromMicros = conversion.micros.load(std::memory_order_acquire);
+        rate = conversion.rate.load(std::memory_order_acquire);
     } while ((sequence & 1) != 0 || sequence != conversion.sequence.load(std::memory_order_relaxed));
     uint64_t ticks = __rdtsc();
     // Behind the conversion's own reading: the counter was reset (a resume
