@@ -42,13 +42,12 @@ public:
     }
     void append(const char* text, size_t length) {
         char* to = nullptr;
-        size_t n = claim(length, to);
-        std::memcpy(to, text, n);
+        // A cut output may have no buffer at all.
+        if (size_t n = claim(length, to); n != 0) std::memcpy(to, text, n);
     }
     void fill(char c, size_t count) {
         char* to = nullptr;
-        size_t n = claim(count, to);
-        std::memset(to, c, n);
+        if (size_t n = claim(count, to); n != 0) std::memset(to, c, n);
     }
     // Copies text up to the next '%' or the end of the format, and leaves
     // `p` there.
