@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <regex>
 #include <sstream>
 
@@ -208,6 +209,32 @@ TEST(LogFileTest, WithoutFileNothingHappens) {
     EXPECT_FALSE(file.open((dir / "log.dblog").string()));
     EXPECT_FALSE(fs::exists(dir / "target"));
     fs::remove_all(dir);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(LogFileTest, SecondsColumnIsWhatPercentFPrints) {
+    std::vector<uint64_t> micros = {0,
+                                    1,
+                                    9,
+                                    999999,
+                                    1000000,
+                                    1000001,
+                                    1234567,
+                                    86400000000ull,
+                                    (1ull << 50) - 1,
+                                    1ull << 50,
+                                    ~0ull - 5};
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 100000; ++i) micros.push_back(random() >> (random() % 64));
+    for (uint64_t m : micros) {
+        char expected[64], ours[48];
+        std::snprintf(expected, sizeof expected, "%f", static_cast<double>(m) / 1e6);
+        formatSeconds(m, ours, sizeof ours);
+        ASSERT_STREQ(ours, expected) << m;
+    }
 }
 
 }  // namespace

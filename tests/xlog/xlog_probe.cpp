@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -126,6 +127,49 @@ int formats() {
     return 0;
 }
 
+// Messages with the conversions the device library logs with, each also
+// formatted by vsnprintf and printed as "expect=<text>" for the test. A
+// string argument is overwritten as soon as the call returns: the file must
+// show what it held during the call.
+__attribute__((format(printf, 1, 2))) void expectAndLog(const char* format, ...) {
+    char text[2048];
+    va_list args;
+    va_start(args, format);
+    va_list copy;
+    va_copy(copy, args);
+    std::vsnprintf(text, sizeof text, format, copy);
+    va_end(copy);
+    std::printf("expect=%s\n", text);
+    // xLog has no va_list form; the arguments are given again below.
+    va_end(args);
+}
+
+int conversions() {
+    char scratch[32];
+    std::snprintf(scratch, sizeof scratch, "%s", "/dev/hidraw3");
+    const unsigned char b[] = {0x10, 0xff, 0x05, 0x1a};
+    int local = 0;
+#define BOTH(...)                                                   \
+    do {                                                            \
+        expectAndLog(__VA_ARGS__);                                  \
+        xLog("Probe", 2, "devio::Probe::conversions", __VA_ARGS__); \
+    } while (false)
+    BOTH("conv %s index %d feature 0x%04x returned %d", scratch, 7, 0x1d4b, -1);
+    std::memset(scratch, 'Z', sizeof scratch - 1);
+    BOTH("conv cmd starts with %02x %02x %02x %02x", b[0], b[1], b[2], b[3]);
+    BOTH("conv %u/%u %x %X %08x %05d %03u %c", 30000u, 4000000000u, 0xbeefu, 0xbeefu, 0xc0ffeeu,
+         -12, 7u, 'q');
+    BOTH("conv %-8s|%8.3s|%.*s|%0*x|%+d|% d|%#x|%#o", "ab", "xyz", 4, "functions", 6, 0xbeef, 5, 5,
+         255u, 8u);
+    BOTH("conv %lu %zu %lld %llx %hd %hhu", 5ul, size_t{9}, -1234567890123ll, 0xfedcba9876543210ull,
+         static_cast<short>(-3), static_cast<unsigned char>(250));
+    BOTH("conv %p %p %5.1f %e %%", static_cast<void*>(&local), static_cast<void*>(nullptr), 2.25,
+         1e10);
+    BOTH("-hid- conv tagged %s %d", "word", 3);
+#undef BOTH
+    return 0;
+}
+
 int disabled() {
     bool result = xLog("Probe", 0, "devio::Probe::disabled", "nothing");
     std::printf("result=%d\nlogThreads=%d\n", result ? 1 : 0, logThreads());
@@ -180,6 +224,7 @@ int main(int argc, char** argv) {
     if (scenario == "overrun")
         return overrun(static_cast<size_t>(arg(2, 100)), static_cast<int>(arg(3, 500)));
     if (scenario == "formats") return formats();
+    if (scenario == "conversions") return conversions();
     if (scenario == "disabled") return disabled();
     if (scenario == "shutdown") return shutdown();
     if (scenario == "fork") return forked();

@@ -257,6 +257,29 @@ TEST(XLogProcessTest, ConsoleLinesFollowLevelsTagsAndOutputs) {
     }
 }
 
+TEST(XLogProcessTest, MessagesReachTheFileAsVsnprintfFormatsThemWithStringsTakenAtTheCall) {
+    ProbeRunner runner;
+    ProbeResult r = runner.run({"conversions"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::vector<std::string> expected;
+    for (const auto& line : lines(r.out))
+        if (line.rfind("expect=", 0) == 0) expected.push_back(line.substr(7));
+    ASSERT_EQ(expected.size(), 7u);
+    std::vector<std::string> logged;
+    for (const auto& line : r.logLines) {
+        size_t at = line.find("\tdevio::Probe::conversions ");
+        if (at == std::string::npos) continue;
+        EXPECT_TRUE(std::regex_match(line, fileLine)) << line;
+        logged.push_back(line.substr(at + std::string("\tdevio::Probe::conversions ").size()));
+    }
+    ASSERT_EQ(logged.size(), expected.size());
+    for (size_t i = 0; i + 1 < expected.size(); ++i) EXPECT_EQ(logged[i], expected[i]);
+    // The tag word leaves the message for the tag column.
+    EXPECT_EQ("-hid- " + logged.back(), expected.back());
+    EXPECT_EQ(r.countLines("\t-hid-               \tdevio::Probe::conversions conv tagged"), 1u);
+    EXPECT_EQ(r.countLines("conv /dev/hidraw3 index 7 feature 0x1d4b returned -1"), 1u);
+}
+
 TEST(XLogProcessTest, LoggingOffMeansNoFileAndNoThread) {
     std::vector<std::pair<std::string, std::map<std::string, std::string>>> ways = {
         {"logging = 0\n", {}},

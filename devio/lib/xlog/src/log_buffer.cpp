@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <cstring>
+#include <new>
 
 namespace devio {
 
@@ -32,6 +33,12 @@ void releaseFlag(std::atomic<uint32_t>& flag) {
     flag.store(0, std::memory_order_release);
 }
 
+// `value` modulo `count`, for a value below twice the count, as every sum of
+// positions here is: a division would cost more than the rest of a write.
+uint64_t wrap(uint64_t value, uint64_t count) {
+    return value >= count ? value - count : value;
+}
+
 }  // namespace
 
 LogBuffer::Position LogBuffer::GuardedPosition::load() {
@@ -50,13 +57,23 @@ void LogBuffer::GuardedPosition::store(const Position& next) {
 LogBuffer::LogBuffer(size_t entries, size_t bytes)
     : entryCount_(entries < entryReserve + 1 ? entryReserve + 1 : entries),
       byteCount_(bytes < byteReserve + 8 ? byteReserve + 8 : bytes),
-      entries_(new Entry[entryCount_]),
-      bytes_(new char[byteCount_]) {
-    for (size_t i = 0; i < entryCount_; ++i)
-        entries_[i].pending.store(1, std::memory_order_relaxed);
+      // Rings are taken as fresh, untouched memory: a grown ring of millions
+      // of entries is ready at once, and its pages are mapped as the writers
+      // reach them, rather than all up front by the log thread while the
+      // writers fill the old one. For the same reason an entry's `pending` is
+      // raised when its slot is taken, not for the whole ring here.
+      entries_(static_cast<Entry*>(std::calloc(entryCount_, sizeof(Entry)))),
+      bytes_(static_cast<char*>(std::malloc(byteCount_))) {
+    if (!entries_ || !bytes_) throw std::bad_alloc();
 }
 
 LogBuffer::~LogBuffer() = default;
+
+// Under the writers' flag, before the slot is published: a reader that sees
+// the slot taken also sees it pending.
+void LogBuffer::raisePending(uint64_t entry) {
+    std::atomic_ref(entries_[entry].pending).store(1, std::memory_order_relaxed);
+}
 
 LogBuffer::Position LogBuffer::loadWrite() const {
     takeFlag(write_.flag);
@@ -65,22 +82,17 @@ LogBuffer::Position LogBuffer::loadWrite() const {
     return copy;
 }
 
-size_t LogBuffer::usedEntries() const {
+LogBuffer::Usage LogBuffer::usage() const {
     Position r = readPosition_.load();
     Position w = loadWrite();
-    return static_cast<size_t>((w.entry + entryCount_ - r.entry) % entryCount_);
+    return {static_cast<size_t>(wrap(w.entry + entryCount_ - r.entry, entryCount_)),
+            static_cast<size_t>(wrap(w.byte + byteCount_ - r.byte, byteCount_))};
 }
 
-size_t LogBuffer::usedBytes() const {
-    Position r = readPosition_.load();
-    Position w = loadWrite();
-    return static_cast<size_t>((w.byte + byteCount_ - r.byte) % byteCount_);
-}
-
-bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
+inline bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
     skip = byteCount_ - w.byte < size ? byteCount_ - w.byte : 0;
-    uint64_t usedBytes = (w.byte + byteCount_ - r.byte) % byteCount_;
-    uint64_t usedEntries = (w.entry + entryCount_ - r.entry) % entryCount_;
+    uint64_t usedBytes = wrap(w.byte + byteCount_ - r.byte, byteCount_);
+    uint64_t usedEntries = wrap(w.entry + entryCount_ - r.entry, entryCount_);
     return usedBytes + skip + size + byteReserve < byteCount_ &&
            usedEntries < entryCount_ - entryReserve;
 }
@@ -92,22 +104,34 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         takeFlag(write_.flag);
         Position w = write_.position;
         Position r = write_.readSeen;
-        releaseFlag(write_.flag);
         uint64_t skip = 0;
-        if (!fits(w, r, size, skip)) {
-            r = readPosition_.load();
-            if (!fits(w, r, size, skip)) return false;
-        }
-        if (onSpace != nullptr) onSpace();
-        Position next{(w.entry + 1) % entryCount_, (w.byte + skip + size) % byteCount_};
-        takeFlag(write_.flag);
-        bool same = write_.position == w;
-        if (same) {
-            write_.position = next;
-            write_.readSeen = r;
+        // With nothing to run before the slot is taken, and room by the read
+        // position seen earlier, the slot is taken in the same hold of the
+        // flag: the common case costs one acquisition.
+        bool taken = onSpace == nullptr && fits(w, r, size, skip);
+        if (taken) {
+            raisePending(w.entry);
+            write_.position =
+                Position{wrap(w.entry + 1, entryCount_), wrap(w.byte + skip + size, byteCount_)};
         }
         releaseFlag(write_.flag);
-        if (!same) continue;
+        if (!taken) {
+            if (!fits(w, r, size, skip)) {
+                r = readPosition_.load();
+                if (!fits(w, r, size, skip)) return false;
+            }
+            if (onSpace != nullptr) onSpace();
+            Position next{wrap(w.entry + 1, entryCount_), wrap(w.byte + skip + size, byteCount_)};
+            takeFlag(write_.flag);
+            bool same = write_.position == w;
+            if (same) {
+                raisePending(w.entry);
+                write_.position = next;
+                write_.readSeen = r;
+            }
+            releaseFlag(write_.flag);
+            if (!same) continue;
+        }
 
         Entry& entry = entries_[w.entry];
         entry.skip = skip;
@@ -115,7 +139,7 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         entry.thread = thread;
         entry.level = static_cast<uint32_t>(level);
         entry.size = size;
-        char* out = bytes_.get() + (w.byte + skip) % byteCount_;
+        char* out = bytes_.get() + wrap(w.byte + skip, byteCount_);
         *out++ = '-';
         std::memcpy(out, tag.data(), tag.size());
         out += tag.size();
@@ -126,7 +150,7 @@ bool LogBuffer::write(uint64_t time, uint32_t thread, int level, std::string_vie
         *out++ = '\0';
         std::memcpy(out, message.data(), message.size());
         out[message.size()] = '\0';
-        entry.pending.store(0, std::memory_order_release);
+        std::atomic_ref(entry.pending).store(0, std::memory_order_release);
         return true;
     }
 }
@@ -138,9 +162,10 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
         if (r == knownWrite_) return ReadResult::empty;
     }
     Entry& entry = entries_[r.entry];
-    if (entry.pending.load(std::memory_order_acquire) != 0) return ReadResult::pending;
+    if (std::atomic_ref(entry.pending).load(std::memory_order_acquire) != 0)
+        return ReadResult::pending;
 
-    const char* record = bytes_.get() + (r.byte + entry.skip) % byteCount_;
+    const char* record = bytes_.get() + wrap(r.byte + entry.skip, byteCount_);
     size_t tagLength = std::strlen(record);
     const char* function = record + tagLength + 1;
     size_t functionLength = std::strlen(function);
@@ -152,9 +177,9 @@ LogBuffer::ReadResult LogBuffer::readOne(Sink& sink) {
                        std::string_view(function, functionLength),
                        std::string_view(message, messageLength)});
 
-    entry.pending.store(1, std::memory_order_relaxed);
-    readerAt_ =
-        Position{(r.entry + 1) % entryCount_, (r.byte + entry.skip + entry.size) % byteCount_};
+    std::atomic_ref(entry.pending).store(1, std::memory_order_relaxed);
+    readerAt_ = Position{wrap(r.entry + 1, entryCount_),
+                         wrap(r.byte + entry.skip + entry.size, byteCount_)};
     readPosition_.store(readerAt_);
     return ReadResult::output;
 }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -13,8 +14,9 @@
 //
 // Threads: any number of writers (write), one reader (readOne, the usage
 // queries). Writers take a slot by comparing and setting `writePosition`
-// under a spin flag, then fill it without any lock and clear the entry's
-// `pending` last; the reader never reads an entry that is still pending.
+// under a spin flag, raising the entry's `pending` in the same hold, then
+// fill it without any lock and clear `pending` last; the reader never reads
+// an entry that is still pending, and raises it again once it has.
 // `readPosition` has its own spin flag. Each flag guards a copy of a few
 // words.
 
@@ -51,7 +53,8 @@ public:
 
     // Stores one record; false if the rings have no room for it. Once there
     // is room and before the slot is taken, `onSpace` runs (it may write to
-    // this buffer itself); the position is then re-checked.
+    // this buffer itself); the position is then re-checked. Pass null when
+    // there is nothing to run: the slot is then taken more cheaply.
     bool write(uint64_t time, uint32_t thread, int level, std::string_view tag,
                std::string_view function, std::string_view message, void (*onSpace)());
 
@@ -61,8 +64,13 @@ public:
 
     size_t entryCount() const { return entryCount_; }
     size_t byteCount() const { return byteCount_; }
-    size_t usedEntries() const;
-    size_t usedBytes() const;
+    struct Usage {
+        size_t entries;
+        size_t bytes;
+    };
+    Usage usage() const;
+    size_t usedEntries() const { return usage().entries; }
+    size_t usedBytes() const { return usage().bytes; }
 
     // Writers announce themselves while they hold this buffer, so that the
     // reader never retires it under a writer that is about to store.
@@ -89,7 +97,10 @@ private:
         uint32_t thread;
         uint32_t level;
         uint64_t size;
-        std::atomic<uint32_t> pending;
+        uint32_t pending;  // reached through atomic_ref
+    };
+    struct Free {
+        void operator()(void* memory) const { std::free(memory); }
     };
     struct Position {
         uint64_t entry;
@@ -115,12 +126,14 @@ private:
     };
 
     Position loadWrite() const;
-    bool fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const;
+    void raisePending(uint64_t entry);
+    [[gnu::always_inline]] bool fits(const Position& w, const Position& r, uint64_t size,
+                                     uint64_t& skip) const;
 
     const size_t entryCount_;
     const size_t byteCount_;
-    std::unique_ptr<Entry[]> entries_;
-    std::unique_ptr<char[]> bytes_;
+    std::unique_ptr<Entry[], Free> entries_;
+    std::unique_ptr<char[], Free> bytes_;
     mutable GuardedPosition readPosition_;
     mutable WriteSide write_;
     // The reader's own: its position (it alone moves it), and the write

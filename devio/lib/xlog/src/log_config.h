@@ -31,11 +31,13 @@ LogConfig& logConfig();
 
 // Runs xLogStartup once; other threads wait for it; a log call made by the
 // startup itself goes through.
-void ensureStarted();
+// Set once xLogStartup has run.
+extern std::atomic<bool> started;
+void startOnce();
+inline void ensureStarted() {
+    if (!started.load(std::memory_order_acquire)) startOnce();
+}
 bool isStarted();
-
-// The monotonic clock in microseconds.
-uint64_t monotonicMicros();
 
 }  // namespace devio::xlog
 

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <new>
 
+#include "log_format.h"
 #include "log_names.h"
 
 namespace devio::xlog {
@@ -49,7 +50,20 @@ void LogFile::formatDate(uint64_t timeMicros, char* out, size_t size) {
         cachedSecond_ = second;
     }
     unsigned micros = static_cast<unsigned>(wall % 1000000);
-    std::snprintf(out, size, "%s.%03u.%03u", cachedDate_, micros / 1000, micros % 1000);
+    formatText(out, size, "%s.%03u.%03u", cachedDate_, micros / 1000, micros % 1000);
+}
+
+void formatSeconds(uint64_t micros, char* out, size_t size) {
+    // A whole number of microseconds printed with "%f" is its seconds, a
+    // point and six digits, as long as the double holds it exactly; the
+    // integers are much cheaper to print. Beyond that, and for a time before
+    // the start (which wraps), "%f" itself.
+    constexpr uint64_t exact = uint64_t{1} << 50;
+    if (micros < exact)
+        formatText(out, size, "%llu.%06llu", static_cast<unsigned long long>(micros / 1000000),
+                   static_cast<unsigned long long>(micros % 1000000));
+    else
+        std::snprintf(out, size, "%f", static_cast<double>(micros) / 1e6);
 }
 
 void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std::string_view tag,
@@ -63,7 +77,8 @@ void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std
 
     char date[64];
     formatDate(timeMicros, date, sizeof date);
-    double seconds = static_cast<double>(timeMicros - startMicros_) / 1e6;
+    char seconds[48];
+    formatSeconds(timeMicros - startMicros_, seconds, sizeof seconds);
     // One byte more than the longest line, so that a line of exactly
     // maxLine bytes is not taken for a cut one.
     char line[maxLine + 1];
@@ -72,11 +87,11 @@ void LogFile::writeRecord(uint64_t timeMicros, uint32_t threadId, int level, std
         size_t end = message.find('\n', pos);
         std::string_view part =
             message.substr(pos, end == std::string_view::npos ? end : end - pos);
-        int n = std::snprintf(
-            line, sizeof line, "%f\t%s\t%d\t<%05d>.%s.%s\t%d\t%-20.*s\t%.*s %.*s\n", seconds, date,
-            static_cast<int>(processId_), static_cast<int>(threadId), nameSpace_.c_str(),
-            processName_.c_str(), level, static_cast<int>(tag.size()), tag.data(),
-            static_cast<int>(name.size()), name.data(), static_cast<int>(part.size()), part.data());
+        int n = formatText(line, sizeof line, "%s\t%s\t%d\t<%05d>.%s.%s\t%d\t%-20.*s\t%.*s %.*s\n",
+                           seconds, date, static_cast<int>(processId_), static_cast<int>(threadId),
+                           nameSpace_.c_str(), processName_.c_str(), level,
+                           static_cast<int>(tag.size()), tag.data(), static_cast<int>(name.size()),
+                           name.data(), static_cast<int>(part.size()), part.data());
         if (n < 0) {
             std::fputs("xLog fputs == 0\n", file_);
         } else {

@@ -12,6 +12,10 @@
 
 namespace devio::xlog {
 
+// The first column of a file line: `micros` in seconds, as "%f" prints
+// them.
+void formatSeconds(uint64_t micros, char* out, size_t size);
+
 class LogFile {
 public:
     // `startMicros` is the monotonic clock at the start of logging, and

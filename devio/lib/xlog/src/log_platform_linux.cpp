@@ -77,7 +77,10 @@ uint32_t XLogPlatformSpecific::processId() {
 }
 
 uint32_t XLogPlatformSpecific::threadId() {
-    thread_local uint32_t id = static_cast<uint32_t>(syscall(SYS_gettid));
+    // Filled on first use rather than by an initialiser, which would cost a
+    // guard test on every log call.
+    thread_local uint32_t id = 0;
+    if (id == 0) id = static_cast<uint32_t>(syscall(SYS_gettid));
     return id;
 }
 

@@ -152,7 +152,12 @@ bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* funct
             buffer->leave();
             continue;
         }
-        bool stored = buffer->write(time, thread, level, tag, function, message, reportOverruns);
+        // The overrun report runs before the record only when there is
+        // something to report; another writer's loss meanwhile is reported
+        // by the next record.
+        bool overrun = !reportingOverruns && s.lost.load(std::memory_order_relaxed) != 0;
+        bool stored = buffer->write(time, thread, level, tag, function, message,
+                                    overrun ? reportOverruns : nullptr);
         if (stored) s.unread.fetch_add(1);
         buffer->leave();
         if (!stored) break;

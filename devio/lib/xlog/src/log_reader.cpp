@@ -1,6 +1,7 @@
 #include <chrono>
 #include <string>
 
+#include "log_clock.h"
 #include "log_config.h"
 #include "log_platform.h"
 #include "log_state.h"
@@ -45,8 +46,9 @@ size_t grown(size_t size, bool belowThird, size_t ceiling) {
 void growIfNeeded(LogState& s) {
     LogBuffer* current = s.current.load();
     if (current == nullptr) return;
-    size_t usedEntries = current->usedEntries();
-    size_t usedBytes = current->usedBytes();
+    LogBuffer::Usage used = current->usage();
+    size_t usedEntries = used.entries;
+    size_t usedBytes = used.bytes;
     size_t entryThird = current->entryCount() - current->entryCount() * 2 / 3;
     size_t byteThird = current->byteCount() - current->byteCount() * 2 / 3;
     if (usedEntries < entryThird && usedBytes < byteThird) return;
@@ -81,6 +83,8 @@ bool anyWriters(const LogState& s) {
 
 // Waits for a writer's wake-up or the idle interval; flushes on the latter.
 void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
+    // Idle moments are when the clock's rate is measured.
+    refineClock();
     s.readerWaiting.store(true, std::memory_order_seq_cst);
     bool claimed = false;
     countOutputs(s);
@@ -104,9 +108,10 @@ void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
 // Writes one record, oldest buffer first; returns whether it did something
 // (or should be called again at once).
 bool outputFromOldestBuffer(LogState& s) {
-    // Measuring the rings takes both spin flags; once every few records is
-    // soon enough, a third of the rings being thousands of records.
-    constexpr unsigned growCheckInterval = 64;
+    // Measuring the rings takes the writers' spin flag, pulling it away from
+    // them; every few records is soon enough, a third of even the first
+    // rings being thousands of records.
+    constexpr unsigned growCheckInterval = 8;
     if (s.outputsSinceGrowCheck++ % growCheckInterval == 0) {
         countOutputs(s);
         growIfNeeded(s);
@@ -144,6 +149,7 @@ void countOutputs(LogState& s) {
 
 void logThreadProc() {
     XLogPlatformSpecific::lowerThreadPriority();
+    refineClock();
     drainingHere = true;
     LogState& s = state();
     std::unique_lock lock(s.threadMutex);

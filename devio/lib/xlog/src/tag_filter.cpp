@@ -63,11 +63,23 @@ struct SeenCache {
     std::array<unsigned char, slots> lengths{};
     size_t next = 0;
 
-    bool contains(std::string_view tag) const {
+    size_t lastHit = 0;
+
+    // Tags are a few letters: comparing them here is cheaper than a call.
+    bool matches(size_t i, std::string_view tag) const {
+        if (lengths[i] != tag.size()) return false;
+        for (size_t k = 0; k < tag.size(); ++k)
+            if (names[i][k] != tag[k]) return false;
+        return true;
+    }
+    // A thread tends to log under one tag many times in a row.
+    bool contains(std::string_view tag) {
+        if (matches(lastHit, tag)) return true;
         for (size_t i = 0; i < slots; ++i)
-            if (lengths[i] == tag.size() &&
-                std::memcmp(names[i].data(), tag.data(), tag.size()) == 0)
+            if (matches(i, tag)) {
+                lastHit = i;
                 return true;
+            }
         return false;
     }
     void add(std::string_view tag) {

@@ -4,7 +4,9 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "log_clock.h"
 #include "log_config.h"
+#include "log_format.h"
 #include "log_names.h"
 #include "log_platform.h"
 #include "log_process.h"
@@ -76,7 +78,7 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
     char buffer[bufferSize];
     va_list args;
     va_start(args, format);
-    int nBuf = std::vsnprintf(buffer, sizeof buffer, format, args);
+    int nBuf = xlog::formatMessage(buffer, sizeof buffer, format, args);
     va_end(args);
     if (nBuf < 0) {
         xAssert(false, "nBuf >= 0", __FILE__, __LINE__);

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "log_clock.h"
 #include "log_config.h"
 #include "log_platform.h"
 #include "log_process.h"
@@ -15,7 +16,7 @@ namespace devio::xlog {
 
 namespace {
 
-std::atomic<bool> started{false};
+
 std::mutex startMutex;
 thread_local bool startingHere = false;
 
@@ -30,14 +31,10 @@ LogConfig& logConfig() {
     return *config;
 }
 
-uint64_t monotonicMicros() {
-    auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
+std::atomic<bool> started{false};
 
-void ensureStarted() {
-    if (started.load(std::memory_order_acquire) || startingHere) return;
+void startOnce() {
+    if (startingHere) return;
     std::lock_guard lock(startMutex);
     if (started.load(std::memory_order_relaxed)) return;
     startingHere = true;
