@@ -123,7 +123,7 @@ private:
 // Every combination of flags, width and precision for one conversion letter
 // with one length modifier, over `values` given to `call`.
 template <typename Call>
-void everySpec(const std::string& length, char conversion, Call call) {
+void everyDirective(const std::string& length, char conversion, Call call) {
     const char* flagSets[] = {"",   "-",  "+",  " ",  "#",  "0",    "-0",
                               "+0", " 0", "#0", "-#", "+ ", "-+ #0"};
     const char* widths[] = {"", "1", "5", "12", "*"};
@@ -131,9 +131,9 @@ void everySpec(const std::string& length, char conversion, Call call) {
     for (const char* flags : flagSets)
         for (const char* width : widths)
             for (const char* precision : precisions) {
-                std::string spec =
+                std::string directive =
                     std::string("[%") + flags + width + precision + length + conversion + "]";
-                call(spec, std::string(width) == "*", std::string(precision) == ".*");
+                call(directive, std::string(width) == "*", std::string(precision) == ".*");
             }
 }
 
@@ -142,9 +142,9 @@ TEST(LogFormatTest, IntegersMatchTheCLibraryInEveryFlagWidthPrecisionAndLength) 
     const int stars[] = {-7, 0, 3, 20};
     for (char conversion : {'d', 'i', 'u', 'x', 'X', 'o'}) {
         for (const char* length : {"", "hh", "h", "l", "ll", "z", "j", "t"}) {
-            everySpec(length, conversion,
-                      [&](const std::string& spec, bool starWidth, bool starPrecision) {
-                          const char* f = spec.c_str();
+            everyDirective(length, conversion,
+                      [&](const std::string& directive, bool starWidth, bool starPrecision) {
+                          const char* f = directive.c_str();
                           for (long long v : values) {
                               std::string l(length);
                               // Each length takes its own type through the variable
@@ -183,8 +183,8 @@ TEST(LogFormatTest, TextCharactersPointersAndPercentMatchTheCLibrary) {
                               reinterpret_cast<const void*>(~uintptr_t{0})};
     const char* texts[] = {"", "a", "hid", "/dev/hidraw3 with some length to it"};
     for (char conversion : {'s', 'c', 'p'}) {
-        everySpec("", conversion, [&](const std::string& spec, bool starWidth, bool starPrecision) {
-            const char* f = spec.c_str();
+        everyDirective("", conversion, [&](const std::string& directive, bool starWidth, bool starPrecision) {
+            const char* f = directive.c_str();
             auto one = [&](auto value) {
                 if (starWidth && starPrecision)
                     expectSame(f, -9, 2, value), expectSame(f, 9, -1, value);
@@ -253,23 +253,23 @@ TEST(LogFormatTest, ConversionsLeftToTheCLibraryGiveItsTextAndKeepTheArguments) 
     EXPECT_STREQ(out, "abc12");
 }
 
-TEST(LogFormatTest, RandomValuesAndSpecsMatchTheCLibrary) {
+TEST(LogFormatTest, RandomValuesAndDirectivesMatchTheCLibrary) {
     std::mt19937_64 random(20240601);
     const char* flags = "-+ #0";
     const char conversions[] = {'d', 'i', 'u', 'x', 'X', 'o', 's', 'c', 'p'};
     for (int round = 0; round < 20000; ++round) {
-        std::string spec = "<%";
+        std::string directive = "<%";
         for (int i = 0; i < 5; ++i)
-            if (random() % 3 == 0) spec += flags[random() % 5];
-        if (random() % 2) spec += std::to_string(random() % 40);
-        if (random() % 2) spec += "." + std::to_string(random() % 30);
+            if (random() % 3 == 0) directive += flags[random() % 5];
+        if (random() % 2) directive += std::to_string(random() % 40);
+        if (random() % 2) directive += "." + std::to_string(random() % 30);
         char conversion = conversions[random() % sizeof conversions];
         uint64_t bits = random();
         if (conversion == 's') {
             std::string text(random() % 50, static_cast<char>('a' + random() % 26));
-            expectSame((spec + "s>").c_str(), text.c_str());
+            expectSame((directive + "s>").c_str(), text.c_str());
         } else if (conversion == 'c' || conversion == 'p') {
-            std::string f = spec + conversion + ">";
+            std::string f = directive + conversion + ">";
             if (conversion == 'c')
                 expectSame(f.c_str(), static_cast<int>(bits & 0xff));
             else
@@ -277,8 +277,8 @@ TEST(LogFormatTest, RandomValuesAndSpecsMatchTheCLibrary) {
         } else {
             // Values of every magnitude, not only huge ones.
             uint64_t value = bits >> (random() % 64);
-            expectSame((spec + "ll" + conversion + ">").c_str(), value);
-            expectSame((spec + conversion + ">").c_str(), static_cast<int>(value));
+            expectSame((directive + "ll" + conversion + ">").c_str(), value);
+            expectSame((directive + conversion + ">").c_str(), static_cast<int>(value));
         }
         if (HasFailure()) break;
     }
