@@ -196,7 +196,7 @@ TEST(CacheFile, MalformedXmlThrowsAndIsRepairedByTheNextWrite) {
         devio::Device& dev = s.start(false);
         EXPECT_THROW(dev.persistent_data_directory(s.cache_dir), rapidxml::parse_error);
         // The device is none the worse: everything comes from the device.
-        s.rec->clear();
+        s.rec.clear();
         ASSERT_TRUE(dev.load_feature_root(false));
         EXPECT_EQ(index_of_0020(dev), kRealIndex);
         EXPECT_GE(s.sent().size(), 7u);
@@ -231,7 +231,7 @@ TEST(CacheFile, AnswersInMemoryWinOverTheFile) {
     write_file(s.cache_file(), document("fw=\"" + std::string(kDozenFirmware) + "\"",
                                         command(kGetFeature0020, kPlantedAnswer)));
     dev.persistent_data_directory(s.cache_dir);
-    s.rec->clear();
+    s.rec.clear();
     EXPECT_EQ(index_of_0020(dev), kRealIndex);
     EXPECT_TRUE(s.sent().empty());
 }
