@@ -171,16 +171,8 @@ TEST(Engine, AbandonWakesTheWaiterAtOnce) {
     EXPECT_TRUE(rig.rec.sent().empty()) << "nothing reaches the hardware after abandon";
 }
 
-TEST(Engine, RemovedDeviceFailsWithoutTraffic) {
-    DeviceRig rig;
-    rig.dev->uninitDevice();
-    Bytes answer;
-    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
-    EXPECT_TRUE(rig.rec.sent().empty());
-}
-
-TEST(Engine, FailedWriteFailsAtOnce) {
+// Neither a failed write nor a removed device is worth a retry or a time-out.
+TEST(Engine, FailedWriteAndRemovedDeviceFailAtOnce) {
     DeviceRig rig(false);
     Bytes answer;
     ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
@@ -188,11 +180,17 @@ TEST(Engine, FailedWriteFailsAtOnce) {
     devio::set_error(devio::Success);
     const auto start = Clock::now();
     EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    // The platform's failure is hard: no retries, no time-out.
     EXPECT_LT(ms_since(start), 1500);
     const ErrorCode err = devio::error_record().err;
     EXPECT_NE(err, devio::Success);
     EXPECT_NE(err, devio::NoResponse);
+
+    rig.sim("fault mouse writes normal");
+    rig.dev->uninitDevice();
+    rig.rec.clear();
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
+    EXPECT_TRUE(rig.rec.sent().empty());
 }
 
 // Slow by nature: eleven passes of 3000 ms plus the growing ping delays.

@@ -70,12 +70,6 @@ TEST(Swid, AnswersUnderAnotherIdDoNotCompleteOurCommand) {
     EXPECT_NE(rig.dev->swid(), 3u);
 }
 
-}  // namespace
-}  // namespace devtest
-
-namespace devtest {
-namespace {
-
 TEST(Brb, OneBehindDeviceTriggersTheWorkaroundAndTheRetrySucceeds) {
     DeviceRig rig(true, true);
     Bytes answer;
