@@ -78,31 +78,27 @@ class NamedMutexTest : public ::testing::Test {
   int stdin_ = -1;
 };
 
-TEST_F(NamedMutexTest, ExcludesSecondProcessUntilItLetsGo) {
-  startHolder();
+// A second process holds the mutex until it lets go, or until it is killed.
+TEST_F(NamedMutexTest, ExcludesSecondProcessUntilItLetsGoOrDies) {
   devio::NamedMutex mine(name_, false);
-  std::atomic<bool> held{false};
-  auto done = lockInThread(mine, held);
-  EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
-  EXPECT_FALSE(held);
-  ::close(stdin_);
-  stdin_ = -1;
-  ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-  EXPECT_TRUE(held);
-  reap();
-}
-
-TEST_F(NamedMutexTest, KilledHolderReleasesIt) {
-  startHolder();
-  devio::NamedMutex mine(name_, false);
-  std::atomic<bool> held{false};
-  auto done = lockInThread(mine, held);
-  EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
-  ::kill(child_, SIGKILL);
-  ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-  EXPECT_TRUE(held);
-  const int status = reap();
-  EXPECT_TRUE(WIFSIGNALED(status));
+  for (const bool killed : {false, true}) {
+    SCOPED_TRACE(killed ? "killed" : "lets go");
+    startHolder();
+    std::atomic<bool> held{false};
+    auto done = lockInThread(mine, held);
+    EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
+    EXPECT_FALSE(held);
+    if (killed) {
+      ::kill(child_, SIGKILL);
+    } else {
+      ::close(stdin_);
+      stdin_ = -1;
+    }
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(held);
+    const int status = reap();
+    EXPECT_EQ(WIFSIGNALED(status) != 0, killed);
+  }
 }
 
 // Two threads on one object and two objects of one name never overlap, and
