@@ -14,38 +14,43 @@ namespace {
 
 using devio::ErrorCode;
 
-TEST(Engine, LostResponseIsRetriedAfterAPing) {
-    DeviceRig rig;
-    rig.sim("fault mouse drop 1");
-    Bytes answer;
-    const auto start = Clock::now();
-    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    const long long took = ms_since(start);
-    // One time-out of 3000 ms, then a ping after 20 ms plus jitter.
-    EXPECT_GE(took, 2900);
-    EXPECT_LT(took, 8000);
-    EXPECT_EQ(answer.at(4), kCookieIndex);
-
-    const auto sent = rig.rec.sent();
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_EQ(sent[0], sent[2]) << "the command goes out again after the ping";
-    EXPECT_EQ(sent[1][2], 0x00);
-    EXPECT_EQ(sent[1][3] >> 4, 1) << "root function 1 is the ping";
-    EXPECT_GE(sent[1][6], 16);
-    EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>{devio::NoResponse});
-}
-
-TEST(Engine, DeviceWithoutFeaturesIsResentWithoutPings) {
-    DeviceRig rig(false);
-    rig.sim("fault mouse drop 2");
-    Bytes answer;
-    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    const auto sent = rig.rec.sent();
-    ASSERT_EQ(sent.size(), 3u);
-    for (const Bytes& s : sent) EXPECT_EQ(s, sent[0]);
-    EXPECT_EQ(rig.rec.failures(), (std::vector<ErrorCode>{devio::NoResponse, devio::NoResponse}));
-    // Without features the software id of the caller is left alone.
-    EXPECT_EQ(sent[0][3] & 0x0F, 0);
+// A lost answer, or one under another program's software id, costs one
+// time-out. A device with features is then pinged before the command goes
+// out again; one without is sent the command again at once.
+TEST(Engine, MissingAnswersAreRetried) {
+    struct Case {
+        const char* fault;
+        bool feature_based;
+        std::size_t misses;
+    };
+    for (const Case& c : {Case{"fault mouse drop 1", true, 1}, Case{"fault mouse swid 3 1", true, 1},
+                          Case{"fault mouse drop 2", false, 2}}) {
+        SCOPED_TRACE(c.fault);
+        DeviceRig rig(c.feature_based);
+        rig.sim(c.fault);
+        Bytes answer;
+        const auto start = Clock::now();
+        ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+        const long long took = ms_since(start);
+        // Time-outs of 3000 ms, and a ping after 20 ms plus jitter.
+        EXPECT_GE(took, 2900 * static_cast<long long>(c.misses));
+        EXPECT_LT(took, 8000 * static_cast<long long>(c.misses));
+        EXPECT_EQ(answer.at(4), kCookieIndex);
+        EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>(c.misses, devio::NoResponse));
+        const auto sent = rig.rec.sent();
+        ASSERT_EQ(sent.size(), 3u);
+        EXPECT_EQ(sent[0], sent[2]) << "the command goes out again";
+        if (c.feature_based) {
+            EXPECT_EQ(sent[1][2], 0x00);
+            EXPECT_EQ(sent[1][3] >> 4, 1) << "root function 1 is the ping";
+            EXPECT_GE(sent[1][6], 16);
+            EXPECT_EQ(answer.at(3) & 0x0F, rig.dev->swid());
+            EXPECT_NE(rig.dev->swid(), 3u);
+        } else {
+            EXPECT_EQ(sent[1], sent[0]) << "no ping without features";
+            EXPECT_EQ(sent[0][3] & 0x0F, 0) << "the caller's software id is left alone";
+        }
+    }
 }
 
 TEST(Engine, ErrorBytesRetryOrFailAtOnce) {

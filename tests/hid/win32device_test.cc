@@ -88,6 +88,7 @@ struct Refusal {
   bool has_descriptor;
   ErrorCode err;
   std::uint32_t sys;
+  bool socket = true;
 };
 
 void PrintTo(const Refusal& c, std::ostream* os) { *os << c.name; }
@@ -97,12 +98,15 @@ class AcceptanceRule : public Win32DeviceTest, public ::testing::WithParamInterf
 // Every refusal leaves the object closed, with its code in the thread's record.
 TEST_P(AcceptanceRule, RefusesWithItsCode) {
   const Refusal& r = GetParam();
-  tree.addNode(0, {r.uevent, r.descriptor, r.has_descriptor, ""});
+  tree.addNode(0, {r.uevent, r.descriptor, r.has_descriptor, "", r.socket});
   auto dev = device(0);
   devio::set_error(devio::Success, nullptr, 12345);
   EXPECT_FALSE(dev->open());
   EXPECT_EQ(devio::error_record().err, r.err);
   EXPECT_EQ(devio::error_record().sys, r.sys);
+  if (r.err == devio::CreateFileFailed) {
+    EXPECT_STREQ(devio::error_record().str, "CreateFile failed");
+  }
   // The refusal closed the node: a second open is refused the same way.
   EXPECT_FALSE(dev->open());
   EXPECT_EQ(devio::error_record().err, r.err);
@@ -139,16 +143,10 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"broken_descriptor", hidtest::ueventFor(kVid, 1), {0x06, 0x00}, true, devio::GetPreparsedDataFailed,
                 EINVAL},
         // A socket knows no hidraw ioctl: without HID_ID the attributes fail.
-        Refusal{"no_id", "HID_NAME=x\n", hidtest::kKeyboard, true, devio::GetAttributesFailed, ENOTTY}),
+        Refusal{"no_id", "HID_NAME=x\n", hidtest::kKeyboard, true, devio::GetAttributesFailed, ENOTTY},
+        Refusal{"missing_node", hidtest::ueventFor(kVid, 1), hidtest::vendorCollection(0xFF00, 2, 0x11, 19), true,
+                devio::CreateFileFailed, ENOENT, false}),
     [](const auto& p) { return std::string(p.param.name); });
-
-TEST_F(Win32DeviceTest, MissingNodeFailsCreateFile) {
-  auto dev = device(7);
-  EXPECT_FALSE(dev->open());
-  EXPECT_EQ(devio::error_record().err, devio::CreateFileFailed);
-  EXPECT_EQ(devio::error_record().sys, static_cast<std::uint32_t>(ENOENT));
-  EXPECT_STREQ(devio::error_record().str, "CreateFile failed");
-}
 
 // One node carrying the short and the long collection is two interfaces, two
 // pieces of one device with one combine key.

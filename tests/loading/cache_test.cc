@@ -207,33 +207,37 @@ TEST(CacheFile, MalformedXmlThrowsAndIsRepairedByTheNextWrite) {
     }
 }
 
-TEST(CacheFile, FileOfAnotherFirmwareIsDroppedAndOverwritten) {
+// A file read by a device that already knows its firmware: a file of
+// another firmware is dropped whole and overwritten at the end, and the
+// answers of a good one lose to those already in memory.
+TEST(CacheFile, FileOfAnotherFirmwareIsDroppedAndAnswersInMemoryWin) {
     Session s;
-    devio::Device& dev = s.start(false);
-    ASSERT_TRUE(dev.load_feature_root(false));
-    ASSERT_EQ(dev.firmware_text(), kDozenFirmware);
-    write_file(s.cache_file(),
-               document("fw=\"0MPM11000000ABCD\"", command(kGetFeature0020, kPlantedAnswer)));
-    dev.persistent_data_directory(s.cache_dir);
-    EXPECT_EQ(index_of_0020(dev), kRealIndex);
-    s.stop();
-    const std::string rewritten = read_file(s.cache_file());
-    EXPECT_NE(rewritten.find(std::string("fw=\"") + kDozenFirmware + "\""), std::string::npos)
-        << rewritten;
-    EXPECT_EQ(rewritten.find("7E0000"), std::string::npos);
-}
-
-TEST(CacheFile, AnswersInMemoryWinOverTheFile) {
-    Session s;
-    devio::Device& dev = s.start(false);
-    ASSERT_TRUE(dev.load_feature_root(false));
-    EXPECT_EQ(index_of_0020(dev), kRealIndex);
-    write_file(s.cache_file(), document("fw=\"" + std::string(kDozenFirmware) + "\"",
-                                        command(kGetFeature0020, kPlantedAnswer)));
-    dev.persistent_data_directory(s.cache_dir);
-    s.rec.clear();
-    EXPECT_EQ(index_of_0020(dev), kRealIndex);
-    EXPECT_TRUE(s.sent().empty());
+    for (const std::string fw : {"0MPM11000000ABCD", kDozenFirmware}) {
+        SCOPED_TRACE(fw);
+        const bool ours = fw == kDozenFirmware;
+        devio::Device& dev = s.start(false);
+        ASSERT_TRUE(dev.load_feature_root(false));
+        ASSERT_EQ(dev.firmware_text(), kDozenFirmware);
+        if (ours) {
+            EXPECT_EQ(index_of_0020(dev), kRealIndex);
+        }
+        write_file(s.cache_file(),
+                   document("fw=\"" + fw + "\"", command(kGetFeature0020, kPlantedAnswer)));
+        dev.persistent_data_directory(s.cache_dir);
+        s.rec.clear();
+        EXPECT_EQ(index_of_0020(dev), kRealIndex);
+        if (ours) {
+            EXPECT_TRUE(s.sent().empty());
+        }
+        s.stop();
+        const std::string rewritten = read_file(s.cache_file());
+        if (!ours) {
+            EXPECT_NE(rewritten.find("fw=\"" + std::string(kDozenFirmware) + "\""),
+                      std::string::npos)
+                << rewritten;
+            EXPECT_EQ(rewritten.find("7E0000"), std::string::npos);
+        }
+    }
 }
 
 TEST(CacheFile, WrittenTenSecondsAfterTheFirstNewAnswer) {
