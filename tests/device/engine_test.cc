@@ -23,8 +23,9 @@ TEST(Engine, MissingAnswersAreRetried) {
         bool feature_based;
         std::size_t misses;
     };
-    for (const Case& c : {Case{"fault mouse drop 1", true, 1}, Case{"fault mouse swid 3 1", true, 1},
-                          Case{"fault mouse drop 2", false, 2}}) {
+    for (const Case& c :
+         {Case{"fault mouse drop 1", true, 1}, Case{"fault mouse swid 3 1", true, 1},
+          Case{"fault mouse drop 2", false, 2}}) {
         SCOPED_TRACE(c.fault);
         DeviceRig rig(c.feature_based);
         rig.sim(c.fault);
@@ -61,11 +62,12 @@ TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
         bool soft;
     };
     const Case cases[] = {
-        {1, 7, devio::Vxp10Error7, true},         {1, 9, devio::Vxp10Error9, true},
-        {2, 8, devio::Vxp20Error8, true},         {1, 1, devio::Vxp10Error1, false},
-        {1, 12, devio::Vxp10Error12, false},      {1, 13, devio::Vxp10ErrorUnknown, false},
-        {2, 2, devio::Vxp20Error2, false},        {2, 9, devio::Vxp20Error9, false},
-        {2, 10, devio::Vxp20ErrorUnknown, false}, {2, 0x7F, devio::Vxp20ErrorUnknown, false},
+        {1, 7, devio::Vxp10Error7, true},           {1, 9, devio::Vxp10Error9, true},
+        {2, 8, devio::Vxp20Error8, true},           {1, 1, devio::Vxp10Error1, false},
+        {1, 12, devio::Vxp10Error12, false},        {1, 13, devio::Vxp10ErrorUnknown, false},
+        {2, 2, devio::Vxp20Error2, false},          {2, 7, devio::Vxp20Error7, false},
+        {2, 9, devio::Vxp20Error9, false},          {2, 10, devio::Vxp20ErrorUnknown, false},
+        {2, 0x7F, devio::Vxp20ErrorUnknown, false},
     };
     DeviceRig rig;
     for (const Case& c : cases) {

@@ -63,19 +63,6 @@ TEST(Root, GetFeatureReportsTheTableAndAbsentIdsAsIndexZero) {
     EXPECT_EQ(last[4], 0x45);
     EXPECT_EQ(last[5], 0x21);
 
-    // Four parameters do not fit a short report. Feature 0x1B04 has no
-    // implementation in this firmware: the error report is its answer.
-    auto plain = bench.loadFeature(0x1B04);
-    ASSERT_TRUE(plain);
-    Bytes response;
-    EXPECT_FALSE(plain->sendSynchronousFeatureCommand(2, {1, 2, 3, 4}, response, 0));
-    EXPECT_EQ(devio::error_record().err, devio::Vxp20Error7);
-    const Bytes longCommand = bench.rig.rec.sent().back();
-    EXPECT_EQ(longCommand[0], 0x11);
-    EXPECT_EQ(longCommand[2], 11);
-    EXPECT_EQ(longCommand[3], 0x20 | bench.rig.dev->swid());
-    EXPECT_EQ(Bytes(longCommand.begin() + 4, longCommand.begin() + 8), (Bytes{1, 2, 3, 4}));
-
     unsigned index = 99;
     ASSERT_TRUE(bench.root->GetFeature(0x1D4C, &index, nullptr, nullptr, nullptr, nullptr, false));
     EXPECT_EQ(index, 0u);
