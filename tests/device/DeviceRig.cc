@@ -19,6 +19,11 @@ void Recorder::attach(const std::shared_ptr<devio::IDevice>& device) {
     ASSERT_TRUE(devio::Subscriber<devio::IDevice::Report>::subscribe(device, 1));
 }
 
+void Recorder::detach(const std::shared_ptr<devio::IDevice>& device) {
+    devio::Subscriber<devio::IDevice::WriteReport>::unsubscribe(device);
+    devio::Subscriber<devio::IDevice::Report>::unsubscribe(device);
+}
+
 void Recorder::onWriteReport(const std::vector<devio::Byte>& report, devio::ErrorCode err,
                              unsigned value) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -118,33 +123,43 @@ void use_own_lock_directory() {
 }  // namespace
 
 DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* description)
-    : machine(description) {
+    : machine(description), feature_based_(feature_based) {
     use_own_lock_directory();
     // The bus makes the device, as at arrival: its path is then the one
     // that the bus recognises when asked whether the device still exists.
     auto found = machine.bus()->devices();
     if (found.size() != 1) throw std::runtime_error("expected one simulated device");
     hw = std::dynamic_pointer_cast<devio::Win32Device>(found[0]);
-    if (behind_receiver) {
-        slot = std::make_shared<BehindReceiver>(hw);
-        dev = std::make_shared<devio::Device>(slot);
-    } else {
-        dev = std::make_shared<devio::Device>(hw);
-    }
+    if (behind_receiver) slot = std::make_shared<BehindReceiver>(hw);
+    restart();
+}
+
+DeviceRig::~DeviceRig() {
+    stop();
+}
+
+devio::Device& DeviceRig::restart() {
+    stop();
+    dev = slot ? std::make_shared<devio::Device>(slot) : std::make_shared<devio::Device>(hw);
     dev->initDevice(devio::cdevio.manager());
-    if (feature_based) {
+    if (feature_based_) {
         feature = std::make_shared<RecordingFeature>(0x0020, kCookieIndex, dev);
         dev->store_feature(kCookieIndex, feature);
     }
+    rec.clear();
     rec.attach(dev);
     // What the manager's subscription does at arrival: the read path starts,
     // so that notifications flow before the first command.
     hw->open();
     dev->connected();
+    return *dev;
 }
 
-DeviceRig::~DeviceRig() {
+void DeviceRig::stop() {
+    if (!dev) return;
     dev->uninitDevice();
+    rec.detach(dev);
+    dev.reset();
 }
 
 void DeviceRig::sim(const std::string& line) {

@@ -40,6 +40,7 @@ public:
     };
 
     void attach(const std::shared_ptr<devio::IDevice>& device);
+    void detach(const std::shared_ptr<devio::IDevice>& device);
     void onWriteReport(const std::vector<devio::Byte>& report, devio::ErrorCode err,
                        unsigned value) override;
     void onReport(const std::vector<devio::Byte>& report, unsigned sys_error, unsigned size,
@@ -119,13 +120,17 @@ private:
     std::shared_ptr<devio::IHardwareDevice> inner_;
 };
 
-// A simulated mouse with one Device over it.
+// A simulated mouse with one Device over it. A restart ends the Device as a
+// program's exit does and makes a new one over the same hardware, as the
+// program's next start would.
 class DeviceRig {
 public:
     explicit DeviceRig(bool feature_based = true, bool behind_receiver = false,
                        const char* machine = kMouseMachine);
     ~DeviceRig();
 
+    devio::Device& restart();
+    void stop();
     // "fault mouse ..." and friends; fails the test on an error answer.
     void sim(const std::string& line);
 
@@ -135,6 +140,9 @@ public:
     std::shared_ptr<devio::Device> dev;
     std::shared_ptr<RecordingFeature> feature;
     Recorder rec;
+
+private:
+    bool feature_based_;
 };
 
 // Root function 0 for feature id 0x0020: a constant query.

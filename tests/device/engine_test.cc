@@ -14,38 +14,44 @@ namespace {
 
 using devio::ErrorCode;
 
-TEST(Engine, LostResponseIsRetriedAfterAPing) {
-    DeviceRig rig;
-    rig.sim("fault mouse drop 1");
-    Bytes answer;
-    const auto start = Clock::now();
-    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    const long long took = ms_since(start);
-    // One time-out of 3000 ms, then a ping after 20 ms plus jitter.
-    EXPECT_GE(took, 2900);
-    EXPECT_LT(took, 8000);
-    EXPECT_EQ(answer.at(4), kCookieIndex);
-
-    const auto sent = rig.rec.sent();
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_EQ(sent[0], sent[2]) << "the command goes out again after the ping";
-    EXPECT_EQ(sent[1][2], 0x00);
-    EXPECT_EQ(sent[1][3] >> 4, 1) << "root function 1 is the ping";
-    EXPECT_GE(sent[1][6], 16);
-    EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>{devio::NoResponse});
-}
-
-TEST(Engine, DeviceWithoutFeaturesIsResentWithoutPings) {
-    DeviceRig rig(false);
-    rig.sim("fault mouse drop 2");
-    Bytes answer;
-    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    const auto sent = rig.rec.sent();
-    ASSERT_EQ(sent.size(), 3u);
-    for (const Bytes& s : sent) EXPECT_EQ(s, sent[0]);
-    EXPECT_EQ(rig.rec.failures(), (std::vector<ErrorCode>{devio::NoResponse, devio::NoResponse}));
-    // Without features the software id of the caller is left alone.
-    EXPECT_EQ(sent[0][3] & 0x0F, 0);
+// A lost answer, or one under another program's software id, costs one
+// time-out. A device with features is then pinged before the command goes
+// out again; one without is sent the command again at once.
+TEST(Engine, MissingAnswersAreRetried) {
+    struct Case {
+        const char* fault;
+        bool feature_based;
+        std::size_t misses;
+    };
+    for (const Case& c :
+         {Case{"fault mouse drop 1", true, 1}, Case{"fault mouse swid 3 1", true, 1},
+          Case{"fault mouse drop 2", false, 2}}) {
+        SCOPED_TRACE(c.fault);
+        DeviceRig rig(c.feature_based);
+        rig.sim(c.fault);
+        Bytes answer;
+        const auto start = Clock::now();
+        ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+        const long long took = ms_since(start);
+        // Time-outs of 3000 ms, and a ping after 20 ms plus jitter.
+        EXPECT_GE(took, 2900 * static_cast<long long>(c.misses));
+        EXPECT_LT(took, 8000 * static_cast<long long>(c.misses));
+        EXPECT_EQ(answer.at(4), kCookieIndex);
+        EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>(c.misses, devio::NoResponse));
+        const auto sent = rig.rec.sent();
+        ASSERT_EQ(sent.size(), 3u);
+        EXPECT_EQ(sent[0], sent[2]) << "the command goes out again";
+        if (c.feature_based) {
+            EXPECT_EQ(sent[1][2], 0x00);
+            EXPECT_EQ(sent[1][3] >> 4, 1) << "root function 1 is the ping";
+            EXPECT_GE(sent[1][6], 16);
+            EXPECT_EQ(answer.at(3) & 0x0F, rig.dev->swid());
+            EXPECT_NE(rig.dev->swid(), 3u);
+        } else {
+            EXPECT_EQ(sent[1], sent[0]) << "no ping without features";
+            EXPECT_EQ(sent[0][3] & 0x0F, 0) << "the caller's software id is left alone";
+        }
+    }
 }
 
 TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
@@ -56,11 +62,12 @@ TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
         bool soft;
     };
     const Case cases[] = {
-        {1, 7, devio::Vxp10Error7, true},         {1, 9, devio::Vxp10Error9, true},
-        {2, 8, devio::Vxp20Error8, true},         {1, 1, devio::Vxp10Error1, false},
-        {1, 12, devio::Vxp10Error12, false},      {1, 13, devio::Vxp10ErrorUnknown, false},
-        {2, 2, devio::Vxp20Error2, false},        {2, 9, devio::Vxp20Error9, false},
-        {2, 10, devio::Vxp20ErrorUnknown, false}, {2, 0x7F, devio::Vxp20ErrorUnknown, false},
+        {1, 7, devio::Vxp10Error7, true},           {1, 9, devio::Vxp10Error9, true},
+        {2, 8, devio::Vxp20Error8, true},           {1, 1, devio::Vxp10Error1, false},
+        {1, 12, devio::Vxp10Error12, false},        {1, 13, devio::Vxp10ErrorUnknown, false},
+        {2, 2, devio::Vxp20Error2, false},          {2, 7, devio::Vxp20Error7, false},
+        {2, 9, devio::Vxp20Error9, false},          {2, 10, devio::Vxp20ErrorUnknown, false},
+        {2, 0x7F, devio::Vxp20ErrorUnknown, false},
     };
     DeviceRig rig;
     for (const Case& c : cases) {
@@ -171,16 +178,8 @@ TEST(Engine, AbandonWakesTheWaiterAtOnce) {
     EXPECT_TRUE(rig.rec.sent().empty()) << "nothing reaches the hardware after abandon";
 }
 
-TEST(Engine, RemovedDeviceFailsWithoutTraffic) {
-    DeviceRig rig;
-    rig.dev->uninitDevice();
-    Bytes answer;
-    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
-    EXPECT_TRUE(rig.rec.sent().empty());
-}
-
-TEST(Engine, FailedWriteFailsAtOnce) {
+// Neither a failed write nor a removed device is worth a retry or a time-out.
+TEST(Engine, FailedWriteAndRemovedDeviceFailAtOnce) {
     DeviceRig rig(false);
     Bytes answer;
     ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
@@ -188,11 +187,17 @@ TEST(Engine, FailedWriteFailsAtOnce) {
     devio::set_error(devio::Success);
     const auto start = Clock::now();
     EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    // The platform's failure is hard: no retries, no time-out.
     EXPECT_LT(ms_since(start), 1500);
     const ErrorCode err = devio::error_record().err;
     EXPECT_NE(err, devio::Success);
     EXPECT_NE(err, devio::NoResponse);
+
+    rig.sim("fault mouse writes normal");
+    rig.dev->uninitDevice();
+    rig.rec.clear();
+    EXPECT_FALSE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
+    EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
+    EXPECT_TRUE(rig.rec.sent().empty());
 }
 
 // Slow by nature: eleven passes of 3000 ms plus the growing ping delays.

@@ -87,22 +87,6 @@ TEST(Routing, ClassifiesWithoutACommandPending) {
     EXPECT_EQ(featured.dev->swid(), ours) << "no report here used our software id";
 }
 
-TEST(Routing, NotificationFromTheFirmwareReachesItsFeature) {
-    DeviceRig rig;
-    // One exchange first: the simulated node has then taken our connection,
-    // and broadcasts reach it.
-    Bytes answer;
-    ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
-    rig.sim("notify mouse 0x0020 1 0xAB 0xCD");
-    ASSERT_TRUE(rig.rec.wait_reports(IDevice::ReportNotification, 1));
-    const auto calls = rig.feature->calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_TRUE(calls[0].notification);
-    EXPECT_EQ(calls[0].function, 1u);
-    EXPECT_EQ(calls[0].params.at(0), 0xAB);
-    EXPECT_EQ(calls[0].params.at(1), 0xCD);
-}
-
 // Error reports complete the pending command only in their exact forms.
 TEST(Routing, ErrorResponsesInBothForms) {
     struct Case {

@@ -65,41 +65,20 @@ INSTANTIATE_TEST_SUITE_P(
         Expected{"mask_piece", hidtest::vendorCollection(0xFF43, 0x0301, 0x11, 19), 0, 0xFF43, 0x0301, 20, 20, 0, 1,
                  0, 1, 1, {0x11}},
         Expected{"mask_whole", hidtest::vendorCollection(0xFF43, 0x0202, 0x11, 19), 0, 0xFF43, 0x0202, 20, 20, 0, 1,
-                 0, 1, 1, {0x11}}),
+                 0, 1, 1, {0x11}},
+        // Usage Page (Generic Desktop), then a usage that names page 0xFF00 itself.
+        Expected{"four_byte_usage", {0x05, 0x01, 0x0B, 0x01, 0x00, 0x00, 0xFF, 0xA1, 0x01, 0xC0}, 0, 0xFF00, 1, 0, 0, 0,
+                 0, 0, 0, 1, {}},
+        // Report size 8 pushed, changed to 1, popped: four inputs of 8 bits.
+        Expected{"push_pop",
+                 {0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01, 0x75, 0x08, 0x95, 0x04, 0xA4, 0x75, 0x01, 0xB4, 0x09, 0x01,
+                  0x81, 0x02, 0xC0},
+                 0, 0xFF00, 1, 5, 0, 1, 0, 0, 0, 1, {}},
+        // A long item with three data bytes in front.
+        Expected{"long_item_skipped", hidtest::concat({{0xFE, 0x03, 0x42, 0x01, 0x02, 0x03},
+                                                        hidtest::vendorCollection(0xFF00, 2, 0x11, 19)}),
+                 0, 0xFF00, 2, 20, 20, 0, 1, 0, 1, 1, {0x11}}),
     [](const auto& p) { return std::string(p.param.name); });
-
-TEST(Descriptor, FourByteUsageCarriesItsOwnPage) {
-  // Usage Page (Generic Desktop), then a usage that names page 0xFF00 itself.
-  const Bytes d = {0x05, 0x01, 0x0B, 0x01, 0x00, 0x00, 0xFF, 0xA1, 0x01, 0xC0};
-  ReportDescriptor rd;
-  std::string error;
-  ASSERT_TRUE(devio::hid::parseReportDescriptor(d, rd, error)) << error;
-  ASSERT_EQ(rd.collections.size(), 1u);
-  EXPECT_EQ(rd.collections[0].usage_page, 0xFF00);
-  EXPECT_EQ(rd.collections[0].usage, 1);
-}
-
-TEST(Descriptor, PushPopRestoresGlobals) {
-  // Report size 8 pushed, changed to 1, popped: the input is 8 bits wide.
-  const Bytes d = {0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01, 0x75, 0x08, 0x95, 0x04, 0xA4, 0x75,
-                   0x01, 0xB4, 0x09, 0x01, 0x81, 0x02, 0xC0};
-  ReportDescriptor rd;
-  std::string error;
-  ASSERT_TRUE(devio::hid::parseReportDescriptor(d, rd, error)) << error;
-  const CollectionCaps c = devio::hid::summarizeCollection(rd.collections[0]);
-  EXPECT_EQ(c.input.report_length, 5);
-  EXPECT_EQ(c.input.value_caps.size(), 1u);
-}
-
-TEST(Descriptor, LongItemsAreSkipped) {
-  Bytes d = {0xFE, 0x03, 0x42, 0x01, 0x02, 0x03};  // long item with three data bytes
-  const Bytes tail = hidtest::vendorCollection(0xFF00, 2, 0x11, 19);
-  d.insert(d.end(), tail.begin(), tail.end());
-  ReportDescriptor rd;
-  std::string error;
-  ASSERT_TRUE(devio::hid::parseReportDescriptor(d, rd, error)) << error;
-  EXPECT_EQ(devio::hid::summarizeCollection(rd.collections[0]).output.report_length, 20);
-}
 
 struct Malformed {
   const char* name;

@@ -78,31 +78,27 @@ class NamedMutexTest : public ::testing::Test {
   int stdin_ = -1;
 };
 
-TEST_F(NamedMutexTest, ExcludesSecondProcessUntilItLetsGo) {
-  startHolder();
+// A second process holds the mutex until it lets go, or until it is killed.
+TEST_F(NamedMutexTest, ExcludesSecondProcessUntilItLetsGoOrDies) {
   devio::NamedMutex mine(name_, false);
-  std::atomic<bool> held{false};
-  auto done = lockInThread(mine, held);
-  EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
-  EXPECT_FALSE(held);
-  ::close(stdin_);
-  stdin_ = -1;
-  ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-  EXPECT_TRUE(held);
-  reap();
-}
-
-TEST_F(NamedMutexTest, KilledHolderReleasesIt) {
-  startHolder();
-  devio::NamedMutex mine(name_, false);
-  std::atomic<bool> held{false};
-  auto done = lockInThread(mine, held);
-  EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
-  ::kill(child_, SIGKILL);
-  ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-  EXPECT_TRUE(held);
-  const int status = reap();
-  EXPECT_TRUE(WIFSIGNALED(status));
+  for (const bool killed : {false, true}) {
+    SCOPED_TRACE(killed ? "killed" : "lets go");
+    startHolder();
+    std::atomic<bool> held{false};
+    auto done = lockInThread(mine, held);
+    EXPECT_EQ(done.wait_for(300ms), std::future_status::timeout);
+    EXPECT_FALSE(held);
+    if (killed) {
+      ::kill(child_, SIGKILL);
+    } else {
+      ::close(stdin_);
+      stdin_ = -1;
+    }
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(held);
+    const int status = reap();
+    EXPECT_EQ(WIFSIGNALED(status) != 0, killed);
+  }
 }
 
 // Two threads on one object and two objects of one name never overlap, and
@@ -133,7 +129,11 @@ TEST_F(NamedMutexTest, ExcludesThreadsAndNests) {
   EXPECT_EQ(counter, 6000);
 }
 
+// A mutex without a name is none: it leaves no lock file. A named one may
+// be taken at construction, and is released at destruction.
 TEST_F(NamedMutexTest, TakenAtConstructionReleasedAtDestruction) {
+  { devio::NamedMutex none("", false); }
+  EXPECT_TRUE(std::filesystem::is_empty(dir_));
   auto guard = std::make_unique<devio::NamedMutex>(name_, true);
   devio::NamedMutex other(name_, false);
   std::atomic<bool> held{false};
@@ -142,11 +142,6 @@ TEST_F(NamedMutexTest, TakenAtConstructionReleasedAtDestruction) {
   guard.reset();
   ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
   EXPECT_TRUE(held);
-}
-
-TEST_F(NamedMutexTest, EmptyNameMakesNoLockFile) {
-  { devio::NamedMutex none("", false); }
-  EXPECT_TRUE(std::filesystem::is_empty(dir_));
 }
 
 }  // namespace

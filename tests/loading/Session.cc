@@ -1,6 +1,5 @@
 #include "Session.h"
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -8,7 +7,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "CDevio.h"
 #include "FeatureCacheFile.h"
 
 namespace loadtest {
@@ -24,10 +22,7 @@ const char* const kDozenFeatures = R"({"devices": [{"id": "mouse", "name": "Test
         {"type": 1, "prefix": "BOT", "version": "0x0102", "build": "0x0007", "rdnf": 0}],
     "entity_info": {"unit_id": "0x1234ABCD"}}]})";
 
-Session::Session(const char* machine_json) : machine(machine_json) {
-    auto found = machine.bus()->devices();
-    if (found.size() != 1) throw std::runtime_error("expected one simulated device");
-    hw = std::dynamic_pointer_cast<devio::Win32Device>(found[0]);
+Session::Session(const char* machine_json) : DeviceRig(false, false, machine_json) {
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/feature-cache-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
@@ -41,27 +36,9 @@ Session::~Session() {
 }
 
 devio::Device& Session::start(bool with_cache) {
-    stop();
-    dev = std::make_shared<devio::Device>(hw);
-    dev->initDevice(devio::cdevio.manager());
-    rec = std::make_unique<devtest::Recorder>();
-    rec->attach(dev);
-    hw->open();
-    dev->connected();
+    restart();
     if (with_cache) dev->persistent_data_directory(cache_dir);
     return *dev;
-}
-
-void Session::stop() {
-    if (!dev) return;
-    dev->uninitDevice();
-    rec.reset();
-    dev.reset();
-}
-
-void Session::sim(const std::string& line) {
-    const std::string answer = machine.command(line);
-    ASSERT_EQ(answer.rfind("ok", 0), 0u) << line << ": " << answer;
 }
 
 std::string Session::cache_file() const {

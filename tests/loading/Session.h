@@ -5,12 +5,9 @@
 // cache file written at one start is read at the next; each stop ends the
 // Device as a program's exit does.
 
-#include <memory>
 #include <string>
 
-#include "Device.h"
 #include "DeviceRig.h"
-#include "SimHost.h"
 
 namespace loadtest {
 
@@ -20,28 +17,19 @@ using devtest::Bytes;
 // first of two firmware entities.
 extern const char* const kDozenFeatures;
 
-class Session {
+class Session : public devtest::DeviceRig {
 public:
     explicit Session(const char* machine_json = kDozenFeatures);
     ~Session();
 
-    // A new Device over the hardware, which reads the cache file when
-    // `with_cache`; the recorder starts empty.
+    // A new Device, which reads the cache file when `with_cache`; the
+    // recorder starts empty.
     devio::Device& start(bool with_cache = true);
-    // Drops the Device; a dirty cache is written as it goes.
-    void stop();
-    // A control command to the simulator; fails the test on an error answer.
-    void sim(const std::string& line);
-
     // Where this device's cache file lives.
     std::string cache_file() const;
     // Reports that reached the hardware since `start` (or the last clear).
-    std::vector<Bytes> sent() { return rec->sent(); }
+    std::vector<Bytes> sent() { return rec.sent(); }
 
-    simtest::SimMachine machine;
-    std::shared_ptr<devio::Win32Device> hw;
-    std::shared_ptr<devio::Device> dev;
-    std::unique_ptr<devtest::Recorder> rec;
     std::string cache_dir;  // with its trailing separator
 };
 
