@@ -105,15 +105,21 @@ TEST(Timer, ResetRestartsTheIntervalOnlyPastItsHalf) {
     ASSERT_TRUE(expiries.subscribe(timer, DeliveryDirect));
     auto armed = Clock::now();
     timer->reset(2000);  // a fresh timer: arms it
-    for (int i = 0; i < 8; ++i) {
+    // Kicks in the first half, each checked against the clock right before
+    // it, so that a slow machine does not push one past the half.
+    auto lastKick = armed;
+    for (;;) {
         std::this_thread::sleep_for(milliseconds(100));
+        if (Clock::now() - armed >= milliseconds(900)) break;
+        lastKick = Clock::now();
         timer->reset(2000);
     }
-    // Had a kick restarted the interval, the event would come at 2800 ms.
     ASSERT_TRUE(eventually([&] { return expiries.count() == 1; }));
-    const auto after = expiries.all()[0].when - armed;
-    EXPECT_GE(after, milliseconds(1990));
-    EXPECT_LT(after, milliseconds(2500));
+    const auto fired = expiries.all()[0].when;
+    EXPECT_GE(fired - armed, milliseconds(1990));
+    // Had the last kick restarted the interval, the event would come 2000 ms
+    // after it; the rest of the margin is for a slow timer thread.
+    EXPECT_LT(fired - lastKick, milliseconds(1900));
 
     timer->reset(2000);  // expired: arms it again
     std::this_thread::sleep_for(milliseconds(1400));
@@ -125,8 +131,10 @@ TEST(Timer, ResetRestartsTheIntervalOnlyPastItsHalf) {
     EXPECT_GE(expiries.all()[1].when - kicked, milliseconds(1990));
 
     armed = Clock::now();
+    // Kicks every 100 ms against a 1000 ms interval: only a stall of most of
+    // a second would let it expire.
     while (Clock::now() - armed < milliseconds(2500)) {
-        timer->reset(600);
+        timer->reset(1000);
         std::this_thread::sleep_for(milliseconds(100));
     }
     EXPECT_EQ(expiries.count(), 2u);
