@@ -9,7 +9,7 @@ packages=(
   libudev-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   python3 openssl
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
 )
 
 missing=()

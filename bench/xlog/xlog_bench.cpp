@@ -192,9 +192,9 @@ int main(int argc, char** argv) {
     spdlog::shutdown();
     // The log thread measures the counter's rate at its first idle moment
     // some 50 ms after the start, which is early in the first round.
-    std::printf("xLog stamped its records from %s\n\n",
-                devio::xlog::clockCountsTicks() ? "the time stamp counter"
-                                                : "the system's monotonic clock");
+    std::printf("xLog stamped its records from %s\n\n", devio::xlog::clockCountsTicks()
+                                                            ? "the time stamp counter"
+                                                            : "the system's monotonic clock");
 
     // The burst: back to back, far more than the first rings hold.
     constexpr int burst = 1'000'000;

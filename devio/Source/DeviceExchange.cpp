@@ -102,7 +102,8 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     }
     if (brb_active) {
         DEV_LOG(3, "sendSynchronousCommandWithoutRetry",
-                "sendSynchronousCommandWithoutRetry brb workaround sending extra get protocol request to flush response");
+                "sendSynchronousCommandWithoutRetry brb workaround sending extra get protocol "
+                "request to flush response");
         std::vector<Byte> flush(vxp::kShortReportSize, 0);
         flush[3] = vxp::with_swid(0x10, swid());
         sendCommand(flush, false);
@@ -134,7 +135,8 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     }
     if (!answered) {
         DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, timeout was %d ms",
+                "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, "
+                "timeout was %d ms",
                 static_cast<int>(elapsed_ms), response_timeout_ms);
         if (!hwdev->verify_connection_following_timeout()) {
             DEV_LOG(1, "sendSynchronousCommandWithoutRetry",

@@ -13,25 +13,25 @@ namespace devio {
 // limit. A holder that dies releases the mutex. One object is shared by the
 // threads of a Device; objects of one name in one process share one lock.
 class NamedMutex {
- public:
-  NamedMutex(const std::string& name, bool take);
-  ~NamedMutex();
-  NamedMutex(const NamedMutex&) = delete;
-  NamedMutex& operator=(const NamedMutex&) = delete;
+public:
+    NamedMutex(const std::string& name, bool take);
+    ~NamedMutex();
+    NamedMutex(const NamedMutex&) = delete;
+    NamedMutex& operator=(const NamedMutex&) = delete;
 
-  void init(const std::string& name);
-  void lock();
-  void unlock();
+    void init(const std::string& name);
+    void lock();
+    void unlock();
 
-  // Where lock files live: DEVIO_LOCK_DIR if set, else /run/lock when it is
-  // writable, else /tmp.
-  static std::string lockDirectory();
+    // Where lock files live: DEVIO_LOCK_DIR if set, else /run/lock when it is
+    // writable, else /tmp.
+    static std::string lockDirectory();
 
-  struct Shared;
+    struct Shared;
 
- private:
-  bool take_;
-  std::shared_ptr<Shared> hMutex_;
+private:
+    bool take_;
+    std::shared_ptr<Shared> hMutex_;
 };
 
 }  // namespace devio

@@ -8,14 +8,14 @@
 #include "NamedMutex.h"
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 2;
-  devio::NamedMutex mutex(argv[1], false);
-  mutex.lock();
-  std::fputs("locked\n", stdout);
-  std::fflush(stdout);
-  char c;
-  while (::read(0, &c, 1) > 0) {
-  }
-  mutex.unlock();
-  return 0;
+    if (argc != 2) return 2;
+    devio::NamedMutex mutex(argv[1], false);
+    mutex.lock();
+    std::fputs("locked\n", stdout);
+    std::fflush(stdout);
+    char c;
+    while (::read(0, &c, 1) > 0) {
+    }
+    mutex.unlock();
+    return 0;
 }

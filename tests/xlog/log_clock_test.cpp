@@ -57,8 +57,8 @@ TEST(LogClockTest, FollowsTheMonotonicClockOnEveryThreadAndNeverGoesBack) {
                 uint64_t reading = monotonicMicros();
                 uint64_t after = systemMonotonicMicros();
                 if (reading < last)
-                    failures[t] = "went back from " + std::to_string(last) + " to " +
-                                  std::to_string(reading);
+                    failures[t] =
+                        "went back from " + std::to_string(last) + " to " + std::to_string(reading);
                 last = reading;
                 // A thread preempted between the readings proves nothing.
                 if (after - before > 20) continue;

@@ -99,8 +99,8 @@ class PageEnd {
 public:
     PageEnd() {
         page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        void* map = mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                         -1, 0);
+        void* map =
+            mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (map == MAP_FAILED) throw std::runtime_error("mmap");
         base_ = static_cast<char*>(map);
         mprotect(base_ + page_, page_, PROT_NONE);
@@ -143,36 +143,36 @@ TEST(LogFormatTest, IntegersMatchTheCLibraryInEveryFlagWidthPrecisionAndLength) 
     for (char conversion : {'d', 'i', 'u', 'x', 'X', 'o'}) {
         for (const char* length : {"", "hh", "h", "l", "ll", "z", "j", "t"}) {
             everyDirective(length, conversion,
-                      [&](const std::string& directive, bool starWidth, bool starPrecision) {
-                          const char* f = directive.c_str();
-                          for (long long v : values) {
-                              std::string l(length);
-                              // Each length takes its own type through the variable
-                              // arguments, as a caller's would.
-                              auto one = [&](auto value) {
-                                  if (starWidth && starPrecision) {
-                                      for (int w : stars)
-                                          for (int p : stars) expectSame(f, w, p, value);
-                                  } else if (starWidth || starPrecision) {
-                                      for (int s : stars) expectSame(f, s, value);
-                                  } else {
-                                      expectSame(f, value);
-                                  }
-                              };
-                              if (l == "" || l == "hh" || l == "h")
-                                  one(static_cast<int>(v));
-                              else if (l == "l")
-                                  one(static_cast<long>(v));
-                              else if (l == "ll")
-                                  one(v);
-                              else if (l == "z")
-                                  one(static_cast<size_t>(v));
-                              else if (l == "j")
-                                  one(static_cast<intmax_t>(v));
-                              else
-                                  one(static_cast<ptrdiff_t>(v));
-                          }
-                      });
+                           [&](const std::string& directive, bool starWidth, bool starPrecision) {
+                               const char* f = directive.c_str();
+                               for (long long v : values) {
+                                   std::string l(length);
+                                   // Each length takes its own type through the variable
+                                   // arguments, as a caller's would.
+                                   auto one = [&](auto value) {
+                                       if (starWidth && starPrecision) {
+                                           for (int w : stars)
+                                               for (int p : stars) expectSame(f, w, p, value);
+                                       } else if (starWidth || starPrecision) {
+                                           for (int s : stars) expectSame(f, s, value);
+                                       } else {
+                                           expectSame(f, value);
+                                       }
+                                   };
+                                   if (l == "" || l == "hh" || l == "h")
+                                       one(static_cast<int>(v));
+                                   else if (l == "l")
+                                       one(static_cast<long>(v));
+                                   else if (l == "ll")
+                                       one(v);
+                                   else if (l == "z")
+                                       one(static_cast<size_t>(v));
+                                   else if (l == "j")
+                                       one(static_cast<intmax_t>(v));
+                                   else
+                                       one(static_cast<ptrdiff_t>(v));
+                               }
+                           });
         }
     }
 }
@@ -183,23 +183,24 @@ TEST(LogFormatTest, TextCharactersPointersAndPercentMatchTheCLibrary) {
                               reinterpret_cast<const void*>(~uintptr_t{0})};
     const char* texts[] = {"", "a", "hid", "/dev/hidraw3 with some length to it"};
     for (char conversion : {'s', 'c', 'p'}) {
-        everyDirective("", conversion, [&](const std::string& directive, bool starWidth, bool starPrecision) {
-            const char* f = directive.c_str();
-            auto one = [&](auto value) {
-                if (starWidth && starPrecision)
-                    expectSame(f, -9, 2, value), expectSame(f, 9, -1, value);
-                else if (starWidth || starPrecision)
-                    expectSame(f, -9, value), expectSame(f, 4, value);
-                else
-                    expectSame(f, value);
-            };
-            if (conversion == 's')
-                for (const char* t : texts) one(t);
-            if (conversion == 'c')
-                for (int c : {int{'x'}, 0, 255, -1}) one(c);
-            if (conversion == 'p')
-                for (const void* p : pointers) one(p);
-        });
+        everyDirective("", conversion,
+                       [&](const std::string& directive, bool starWidth, bool starPrecision) {
+                           const char* f = directive.c_str();
+                           auto one = [&](auto value) {
+                               if (starWidth && starPrecision)
+                                   expectSame(f, -9, 2, value), expectSame(f, 9, -1, value);
+                               else if (starWidth || starPrecision)
+                                   expectSame(f, -9, value), expectSame(f, 4, value);
+                               else
+                                   expectSame(f, value);
+                           };
+                           if (conversion == 's')
+                               for (const char* t : texts) one(t);
+                           if (conversion == 'c')
+                               for (int c : {int{'x'}, 0, 255, -1}) one(c);
+                           if (conversion == 'p')
+                               for (const void* p : pointers) one(p);
+                       });
     }
     expectSame("100%% sure, %d%%, %-%, %5%", 3);
     expectSame("%s", static_cast<const char*>(nullptr));

@@ -13,8 +13,8 @@ inline constexpr std::size_t kMaxCollectionDepth = 32;
 inline constexpr std::size_t kMaxCollections = 256;
 inline constexpr std::size_t kMaxFields = 1024;
 inline constexpr std::size_t kMaxUsagesPerItem = 1024;
-inline constexpr std::uint32_t kMaxReportSizeBits = 256;   // one field element
+inline constexpr std::uint32_t kMaxReportSizeBits = 256;  // one field element
 inline constexpr std::uint32_t kMaxReportCount = 16384;
-inline constexpr std::uint64_t kMaxReportBytes = 16384;    // one whole report
+inline constexpr std::uint64_t kMaxReportBytes = 16384;  // one whole report
 
 }  // namespace devio::hid

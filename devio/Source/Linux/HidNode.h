@@ -20,16 +20,19 @@ enum class NodeRead { Report, Stopped, Failed, Gone };
 // `buffer` from its start and the rest of the buffer is zeroed. `got` is the
 // number of bytes the node gave. Gone means the device has been removed
 // (hangup, end of stream, or the errors the kernel gives a removed device).
-NodeRead readNode(int fd, int stop_fd, std::span<std::uint8_t> buffer, std::size_t& got, int& sys_error);
+NodeRead readNode(int fd, int stop_fd, std::span<std::uint8_t> buffer, std::size_t& got,
+                  int& sys_error);
 
 enum class NodeWrite { Done, TimedOut, Failed };
 
 // Writes one report, waiting at most `timeout_ms` for the node to take it.
-NodeWrite writeNode(int fd, std::span<const std::uint8_t> report, std::uint32_t timeout_ms, int& sys_error);
+NodeWrite writeNode(int fd, std::span<const std::uint8_t> report, std::uint32_t timeout_ms,
+                    int& sys_error);
 
 // The kernel's raw info and descriptor of a hidraw node; false on a node
 // that is not hidraw (a socket), with errno in `sys_error`.
-bool queryRawInfo(int fd, std::uint32_t& bus, std::uint16_t& vendor, std::uint16_t& product, int& sys_error);
+bool queryRawInfo(int fd, std::uint32_t& bus, std::uint16_t& vendor, std::uint16_t& product,
+                  int& sys_error);
 bool queryDescriptor(int fd, std::vector<std::uint8_t>& out, int& sys_error);
 
 // An eventfd used as a stop event: signalled stays signalled until reset.

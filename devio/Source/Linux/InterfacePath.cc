@@ -11,35 +11,39 @@ constexpr const char kCollectionMark[] = "#col";
 constexpr std::size_t kMaxCollectionDigits = 4;
 
 bool allDigits(const std::string& s) {
-  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 }  // namespace
 
 std::string formatInterfacePath(const std::string& dev_root, const std::string& node,
                                 std::optional<std::size_t> collection) {
-  std::string path = dev_root + "/" + node;
-  if (collection) path += kCollectionMark + std::to_string(*collection + 1);
-  return toLower(path);
+    std::string path = dev_root + "/" + node;
+    if (collection) path += kCollectionMark + std::to_string(*collection + 1);
+    return toLower(path);
 }
 
-std::optional<InterfacePath> parseInterfacePath(const std::string& dev_root, const std::string& path) {
-  const std::string prefix = toLower(dev_root) + "/";
-  const std::string lower = toLower(path);
-  if (lower.size() <= prefix.size() || lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-  std::string rest = lower.substr(prefix.size());
-  InterfacePath out;
-  const auto mark = rest.find(kCollectionMark);
-  if (mark != std::string::npos) {
-    const std::string digits = rest.substr(mark + sizeof kCollectionMark - 1);
-    if (!allDigits(digits) || digits.size() > kMaxCollectionDigits) return std::nullopt;
-    const std::size_t k = std::stoul(digits);
-    if (k == 0) return std::nullopt;
-    out.collection = k - 1;
-    rest.resize(mark);
-  }
-  if (rest.size() <= 6 || rest.compare(0, 6, "hidraw") != 0 || !allDigits(rest.substr(6))) return std::nullopt;
-  out.node = rest;
-  return out;
+std::optional<InterfacePath> parseInterfacePath(const std::string& dev_root,
+                                                const std::string& path) {
+    const std::string prefix = toLower(dev_root) + "/";
+    const std::string lower = toLower(path);
+    if (lower.size() <= prefix.size() || lower.compare(0, prefix.size(), prefix) != 0)
+        return std::nullopt;
+    std::string rest = lower.substr(prefix.size());
+    InterfacePath out;
+    const auto mark = rest.find(kCollectionMark);
+    if (mark != std::string::npos) {
+        const std::string digits = rest.substr(mark + sizeof kCollectionMark - 1);
+        if (!allDigits(digits) || digits.size() > kMaxCollectionDigits) return std::nullopt;
+        const std::size_t k = std::stoul(digits);
+        if (k == 0) return std::nullopt;
+        out.collection = k - 1;
+        rest.resize(mark);
+    }
+    if (rest.size() <= 6 || rest.compare(0, 6, "hidraw") != 0 || !allDigits(rest.substr(6)))
+        return std::nullopt;
+    out.node = rest;
+    return out;
 }
 
 }  // namespace devio::linux_hid

@@ -12,8 +12,8 @@ namespace devio::linux_hid {
 // named once per collection, "<dev>/hidrawN#colK" (K from 1), and a node with
 // one collection simply "<dev>/hidrawN". Paths are lower case.
 struct InterfacePath {
-  std::string node;                 // "hidraw3"
-  std::optional<std::size_t> collection;  // 0-based; absent for a whole node
+    std::string node;                       // "hidraw3"
+    std::optional<std::size_t> collection;  // 0-based; absent for a whole node
 };
 
 std::string formatInterfacePath(const std::string& dev_root, const std::string& node,
@@ -21,6 +21,7 @@ std::string formatInterfacePath(const std::string& dev_root, const std::string& 
 
 // Parses a path made by formatInterfacePath under the same root, compared
 // without regard to case. Anything else gives nullopt.
-std::optional<InterfacePath> parseInterfacePath(const std::string& dev_root, const std::string& path);
+std::optional<InterfacePath> parseInterfacePath(const std::string& dev_root,
+                                                const std::string& path);
 
 }  // namespace devio::linux_hid

@@ -10,44 +10,46 @@ namespace devio {
 
 namespace {
 bool isUnder(const std::string& path, const std::string& dir) {
-  return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/';
+    return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+           path[dir.size()] == '/';
 }
 }  // namespace
 
 std::string LinuxSystem::setupdi_instance_from_path(const std::string& path) {
-  const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
-  if (!parsed) return {};
-  return linux_hid::toLower(sysfs_.deviceDirectory(parsed->node));
+    const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
+    if (!parsed) return {};
+    return linux_hid::toLower(sysfs_.deviceDirectory(parsed->node));
 }
 
 std::string LinuxSystem::setupdi_instance_from_devnode(std::uint32_t devnode) {
-  return linux_hid::toLower(sysfs_.deviceDirectory("hidraw" + std::to_string(devnode)));
+    return linux_hid::toLower(sysfs_.deviceDirectory("hidraw" + std::to_string(devnode)));
 }
 
 // A device directly below <sysfs>/devices is a root: its parent is no
 // device, and the walk stands still, as it does for any failure.
 std::string LinuxSystem::setupdi_parent(const std::string& instance) {
-  if (instance.empty()) return instance;
-  const std::string real = linux_hid::resolveCaseInsensitive(instance);
-  const std::string devices = linux_hid::resolveCaseInsensitive(sysfs_.root() + "/devices");
-  if (real.empty() || devices.empty()) return instance;
-  const auto slash = real.rfind('/');
-  const std::string parent = real.substr(0, slash);
-  if (!isUnder(parent, devices)) return instance;
-  return linux_hid::toLower(parent);
+    if (instance.empty()) return instance;
+    const std::string real = linux_hid::resolveCaseInsensitive(instance);
+    const std::string devices = linux_hid::resolveCaseInsensitive(sysfs_.root() + "/devices");
+    if (real.empty() || devices.empty()) return instance;
+    const auto slash = real.rfind('/');
+    const std::string parent = real.substr(0, slash);
+    if (!isUnder(parent, devices)) return instance;
+    return linux_hid::toLower(parent);
 }
 
-std::string LinuxSystem::setupdi_path_from_instance(const std::string& instance, const std::string& interface_class) {
-  if (instance.empty() || interface_class != hid_interface_class()) return {};
-  int err = 0;
-  for (const std::string& node : sysfs_.listNodes(err)) {
-    const std::string dir = linux_hid::toLower(sysfs_.deviceDirectory(node));
-    if (dir == instance || isUnder(dir, instance)) {
-      const std::vector<HidInterface> found = interfacesOf(node);
-      if (!found.empty()) return found.front().path;
+std::string LinuxSystem::setupdi_path_from_instance(const std::string& instance,
+                                                    const std::string& interface_class) {
+    if (instance.empty() || interface_class != hid_interface_class()) return {};
+    int err = 0;
+    for (const std::string& node : sysfs_.listNodes(err)) {
+        const std::string dir = linux_hid::toLower(sysfs_.deviceDirectory(node));
+        if (dir == instance || isUnder(dir, instance)) {
+            const std::vector<HidInterface> found = interfacesOf(node);
+            if (!found.empty()) return found.front().path;
+        }
     }
-  }
-  return {};
+    return {};
 }
 
 }  // namespace devio

@@ -9,13 +9,13 @@ namespace devio::linux_hid {
 
 // What the kernel tells about a HID device in its uevent file.
 struct Uevent {
-  bool has_id = false;
-  std::uint32_t bus = 0;
-  std::uint16_t vendor = 0;
-  std::uint16_t product = 0;
-  std::string name;  // HID_NAME
-  std::string phys;  // HID_PHYS
-  std::string uniq;  // HID_UNIQ
+    bool has_id = false;
+    std::uint32_t bus = 0;
+    std::uint16_t vendor = 0;
+    std::uint16_t product = 0;
+    std::string name;  // HID_NAME
+    std::string phys;  // HID_PHYS
+    std::string uniq;  // HID_UNIQ
 };
 
 // Parses the text of a uevent file. Lines that are not KEY=VALUE and keys
@@ -26,37 +26,40 @@ Uevent parseUevent(const std::string& text);
 // prepared tree can stand in for /sys. Stateless apart from the root: any
 // thread may call.
 class SysfsHidraw {
- public:
-  explicit SysfsHidraw(std::string sysfs_root) : root_(std::move(sysfs_root)) {}
+public:
+    explicit SysfsHidraw(std::string sysfs_root) : root_(std::move(sysfs_root)) {}
 
-  // Node names ("hidraw0", ...) in numeric order. Throws nothing; a missing
-  // class directory (no hidraw support loaded) is an empty machine. errno is
-  // left in `sys_error` when the directory exists but cannot be read.
-  std::vector<std::string> listNodes(int& sys_error) const;
+    // Node names ("hidraw0", ...) in numeric order. Throws nothing; a missing
+    // class directory (no hidraw support loaded) is an empty machine. errno is
+    // left in `sys_error` when the directory exists but cannot be read.
+    std::vector<std::string> listNodes(int& sys_error) const;
 
-  std::optional<Uevent> readUevent(const std::string& node) const;
-  bool readDescriptor(const std::string& node, std::vector<std::uint8_t>& out, int& sys_error) const;
+    std::optional<Uevent> readUevent(const std::string& node) const;
+    bool readDescriptor(const std::string& node, std::vector<std::uint8_t>& out,
+                        int& sys_error) const;
 
-  // The product string as USB gives it (the `product` attribute of the USB
-  // device above the interface), or HID_NAME when no USB device lies above.
-  std::string productName(const std::string& node) const;
-  // The release number (bcdDevice) of the USB device above, 0 if none.
-  std::uint16_t version(const std::string& node) const;
+    // The product string as USB gives it (the `product` attribute of the USB
+    // device above the interface), or HID_NAME when no USB device lies above.
+    std::string productName(const std::string& node) const;
+    // The release number (bcdDevice) of the USB device above, 0 if none.
+    std::uint16_t version(const std::string& node) const;
 
-  // The sysfs directory of the HID device behind a node, resolved through
-  // symbolic links; empty if the node does not exist.
-  std::string deviceDirectory(const std::string& node) const;
-  const std::string& root() const { return root_; }
+    // The sysfs directory of the HID device behind a node, resolved through
+    // symbolic links; empty if the node does not exist.
+    std::string deviceDirectory(const std::string& node) const;
+    const std::string& root() const { return root_; }
 
- private:
-  std::string nodeDir(const std::string& node) const { return root_ + "/class/hidraw/" + node; }
-  std::optional<std::string> findAttributeAbove(const std::string& node, const char* attribute) const;
+private:
+    std::string nodeDir(const std::string& node) const { return root_ + "/class/hidraw/" + node; }
+    std::optional<std::string> findAttributeAbove(const std::string& node,
+                                                  const char* attribute) const;
 
-  std::string root_;
+    std::string root_;
 };
 
 // Reads a small text or binary attribute file whole, at most `limit` bytes.
-bool readSmallFile(const std::string& path, std::string& out, int& sys_error, std::size_t limit = 65536);
+bool readSmallFile(const std::string& path, std::string& out, int& sys_error,
+                   std::size_t limit = 65536);
 
 // Resolves a path that may have been lower-cased on the way (instance ids are
 // kept in lower case) against the real file system, component by component.

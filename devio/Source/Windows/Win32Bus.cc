@@ -5,106 +5,118 @@
 #include "Windows/Win32Device.h"
 #include "xlog.h"
 
-#define W32B_LOG(level, function, ...) ::devio::xLog("Win32Bus", level, "devio::Win32Bus::" function, __VA_ARGS__)
+#define W32B_LOG(level, function, ...) \
+    ::devio::xLog("Win32Bus", level, "devio::Win32Bus::" function, __VA_ARGS__)
 
 namespace devio {
 
-std::shared_ptr<Win32Bus> Win32Bus::create() { return std::shared_ptr<Win32Bus>(new Win32Bus()); }
-
-Win32Bus::~Win32Bus() {
-  W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus enter");
-  // Handles still tracked belong to devices that outlived their use; the
-  // bus owns them and lets them go with itself.
-  std::lock_guard<std::mutex> lock(tracked_mutex_);
-  for (const auto& [notification, handle] : tracked_) {
-    if (handle != kInvalidHandle && system_) system_->close_handle(handle);
-  }
-  tracked_.clear();
-  W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus exit");
+std::shared_ptr<Win32Bus> Win32Bus::create() {
+    return std::shared_ptr<Win32Bus>(new Win32Bus());
 }
 
-std::shared_ptr<IWin32System> Win32Bus::makeWin32System() { return makePlatformSystem(); }
+Win32Bus::~Win32Bus() {
+    W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus enter");
+    // Handles still tracked belong to devices that outlived their use; the
+    // bus owns them and lets them go with itself.
+    std::lock_guard<std::mutex> lock(tracked_mutex_);
+    for (const auto& [notification, handle] : tracked_) {
+        if (handle != kInvalidHandle && system_) system_->close_handle(handle);
+    }
+    tracked_.clear();
+    W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus exit");
+}
+
+std::shared_ptr<IWin32System> Win32Bus::makeWin32System() {
+    return makePlatformSystem();
+}
 
 void Win32Bus::lazyStart(std::shared_ptr<IWin32System>* system_out) {
-  std::lock_guard<std::mutex> lock(start_mutex_);
-  if (started_) {
-    W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart already started");
-  } else {
-    W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart performing startup");
-    system_ = makeWin32System();
-    hid_class_ = system_->hid_interface_class();
-    started_ = true;
-  }
-  if (system_out) *system_out = system_;
+    std::lock_guard<std::mutex> lock(start_mutex_);
+    if (started_) {
+        W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart already started");
+    } else {
+        W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart performing startup");
+        system_ = makeWin32System();
+        hid_class_ = system_->hid_interface_class();
+        started_ = true;
+    }
+    if (system_out) *system_out = system_;
 }
 
 bool Win32Bus::on_subscribe(IHardwareBus::PlugUnplug* /*subscriber*/) {
-  try {
-    lazyStart();
-  } catch (const DevioException& e) {
-    e.record();
-    W32B_LOG(1, "on_subscribe", "Win32Bus::on_subscribe exception");
-    return false;
-  }
-  return true;
+    try {
+        lazyStart();
+    } catch (const DevioException& e) {
+        e.record();
+        W32B_LOG(1, "on_subscribe", "Win32Bus::on_subscribe exception");
+        return false;
+    }
+    return true;
 }
 
 std::vector<std::shared_ptr<IHardwareDevice>> Win32Bus::devices() {
-  W32B_LOG(2, "devices", "Win32Bus::devices enter");
-  std::vector<std::shared_ptr<IHardwareDevice>> list;
-  try {
-    lazyStart();
-    EnumerateInterfaces(hid_class_, list);
-  } catch (const DevioException& e) {
-    e.record();
-    W32B_LOG(1, "devices", "Win32Bus::devices exception");
-    return {};
-  }
-  if (list.empty()) set_error(Success);
-  W32B_LOG(2, "devices", "Win32Bus::devices exit, returning %d devices", static_cast<int>(list.size()));
-  return list;
+    W32B_LOG(2, "devices", "Win32Bus::devices enter");
+    std::vector<std::shared_ptr<IHardwareDevice>> list;
+    try {
+        lazyStart();
+        EnumerateInterfaces(hid_class_, list);
+    } catch (const DevioException& e) {
+        e.record();
+        W32B_LOG(1, "devices", "Win32Bus::devices exception");
+        return {};
+    }
+    if (list.empty()) set_error(Success);
+    W32B_LOG(2, "devices", "Win32Bus::devices exit, returning %d devices",
+             static_cast<int>(list.size()));
+    return list;
 }
 
 // Opens every interface of the class for a moment: open is the filter.
 void Win32Bus::EnumerateInterfaces(const std::string& interface_class,
                                    std::vector<std::shared_ptr<IHardwareDevice>>& out) {
-  W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces enter");
-  for (const HidInterface& found : system_->enumerate_interfaces(interface_class)) {
-    auto device = std::make_shared<Win32Device>(shared_from_this(), system_, found.path, found.devnode);
-    if (!device->open()) {
-      W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces ignoring device it could not open");
-      continue;
+    W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces enter");
+    for (const HidInterface& found : system_->enumerate_interfaces(interface_class)) {
+        auto device =
+            std::make_shared<Win32Device>(shared_from_this(), system_, found.path, found.devnode);
+        if (!device->open()) {
+            W32B_LOG(3, "EnumerateInterfaces",
+                     "Win32Bus::EnumerateInterfaces ignoring device it could not open");
+            continue;
+        }
+        device->close();
+        out.push_back(device);
+        W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces adding device to list");
     }
-    device->close();
-    out.push_back(device);
-    W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces adding device to list");
-  }
-  W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces exit");
+    W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces exit");
 }
 
 void Win32Bus::read_failed_with_disconnect_error(const std::string& path) {
-  std::shared_ptr<Win32Bus> self;
-  try {
-    self = shared_from_this();
-  } catch (...) {
-    return;
-  }
-  auto device = std::make_shared<Win32Device>(self, system_, path, 0);
-  W32B_LOG(2, "read_failed_with_disconnect_error", "Win32Bus::read_failed_with_disconnect_error producing onUnPlug event");
-  std::shared_ptr<IHardwareDevice> gone = device;
-  produce([gone](IHardwareBus::PlugUnplug* s) { s->onUnplug(gone); }, event_names::Win32BusPlugUnplug.onUnplug);
+    std::shared_ptr<Win32Bus> self;
+    try {
+        self = shared_from_this();
+    } catch (...) {
+        return;
+    }
+    auto device = std::make_shared<Win32Device>(self, system_, path, 0);
+    W32B_LOG(2, "read_failed_with_disconnect_error",
+             "Win32Bus::read_failed_with_disconnect_error producing onUnPlug event");
+    std::shared_ptr<IHardwareDevice> gone = device;
+    produce([gone](IHardwareBus::PlugUnplug* s) { s->onUnplug(gone); },
+            event_names::Win32BusPlugUnplug.onUnplug);
 }
 
 bool Win32Bus::verify_device_exists(const std::string& path) {
-  for (const auto& device : devices()) {
-    if (device->path() == path) {
-      W32B_LOG(2, "verify_device_exists", "Win32Bus::verify_device_exists - device is present: %s", path.c_str());
-      return true;
+    for (const auto& device : devices()) {
+        if (device->path() == path) {
+            W32B_LOG(2, "verify_device_exists",
+                     "Win32Bus::verify_device_exists - device is present: %s", path.c_str());
+            return true;
+        }
     }
-  }
-  W32B_LOG(1, "verify_device_exists", "Win32Bus::verify_device_exists - device was lost: %s", path.c_str());
-  read_failed_with_disconnect_error(path);
-  return false;
+    W32B_LOG(1, "verify_device_exists", "Win32Bus::verify_device_exists - device was lost: %s",
+             path.c_str());
+    read_failed_with_disconnect_error(path);
+    return false;
 }
 
 }  // namespace devio

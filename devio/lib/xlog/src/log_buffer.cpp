@@ -89,7 +89,8 @@ LogBuffer::Usage LogBuffer::usage() const {
             static_cast<size_t>(wrap(w.byte + byteCount_ - r.byte, byteCount_))};
 }
 
-inline bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size, uint64_t& skip) const {
+inline bool LogBuffer::fits(const Position& w, const Position& r, uint64_t size,
+                            uint64_t& skip) const {
     skip = byteCount_ - w.byte < size ? byteCount_ - w.byte : 0;
     uint64_t usedBytes = wrap(w.byte + byteCount_ - r.byte, byteCount_);
     uint64_t usedEntries = wrap(w.entry + entryCount_ - r.entry, entryCount_);

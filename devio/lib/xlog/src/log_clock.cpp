@@ -105,8 +105,8 @@ bool kernelKeepsTimeByCounter() {
 }
 
 uint64_t convert(uint64_t ticks, uint64_t fromTicks, uint64_t fromMicros, uint64_t rate) {
-    return fromMicros + static_cast<uint64_t>(
-                            (static_cast<Wide>(ticks - fromTicks) * rate) >> rateShift);
+    return fromMicros +
+           static_cast<uint64_t>((static_cast<Wide>(ticks - fromTicks) * rate) >> rateShift);
 }
 
 // A reader that sees any of the new values also sees the odd sequence
@@ -138,7 +138,8 @@ uint64_t monotonicMicros() {
         fromTicks = conversion.ticks.load(std::memory_order_acquire);
         fromMicros = conversion.micros.load(std::memory_order_acquire);
         rate = conversion.rate.load(std::memory_order_acquire);
-    } while ((sequence & 1) != 0 || sequence != conversion.sequence.load(std::memory_order_relaxed));
+    } while ((sequence & 1) != 0 ||
+             sequence != conversion.sequence.load(std::memory_order_relaxed));
     uint64_t ticks = __rdtsc();
     // Behind the conversion's own reading: the counter was reset (a resume
     // from suspend), or this read ran ahead of the loads above.
@@ -170,9 +171,9 @@ void refineClock() {
         baseline = now;
         return;
     }
-    uint64_t rate = static_cast<uint64_t>(
-        (static_cast<Wide>(now.nanos - baseline.nanos) << rateShift) /
-        (static_cast<Wide>(now.ticks - baseline.ticks) * 1000));
+    uint64_t rate =
+        static_cast<uint64_t>((static_cast<Wide>(now.nanos - baseline.nanos) << rateShift) /
+                              (static_cast<Wide>(now.ticks - baseline.ticks) * 1000));
     uint64_t micros = now.nanos / 1000;
     if (!first) {
         // Never behind what the old rate gives for the same moment: readers

@@ -16,7 +16,6 @@ namespace devio::xlog {
 
 namespace {
 
-
 std::mutex startMutex;
 thread_local bool startingHere = false;
 
