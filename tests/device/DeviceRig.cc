@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "CDevio.h"
+#include "Manager/CDevio.h"
 
 namespace devtest {
 

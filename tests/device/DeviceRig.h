@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "Device.h"
-#include "Feature.h"
+#include "Device/Device.h"
+#include "Features/Feature.h"
 #include "SimHost.h"
 
 namespace devtest {

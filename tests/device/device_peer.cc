@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "CDevio.h"
 #include "ExchangeLog.h"
+#include "Manager/CDevio.h"
 
 int main(int argc, char** argv) {
     if (argc != 7) {

@@ -7,8 +7,8 @@
 #include <future>
 #include <thread>
 
+#include "Base/ErrorRecord.h"
 #include "DeviceRig.h"
-#include "ErrorRecord.h"
 
 namespace devtest {
 namespace {

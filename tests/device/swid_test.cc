@@ -6,8 +6,8 @@
 
 #include <filesystem>
 
+#include "Base/ErrorRecord.h"
 #include "DeviceRig.h"
-#include "ErrorRecord.h"
 
 namespace devtest {
 namespace {

@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "ErrorRecord.h"
-#include "IHardwareBus.h"
-#include "Producer.h"
-#include "Subscriber.h"
+#include "Base/ErrorRecord.h"
+#include "Base/Producer.h"
+#include "Base/Subscriber.h"
+#include "Bus/IHardwareBus.h"
 
 namespace devio::test {
 

@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "DevioException.h"
-#include "ErrorRecord.h"
+#include "Base/DevioException.h"
+#include "Base/ErrorRecord.h"
 
 namespace devio {
 namespace {

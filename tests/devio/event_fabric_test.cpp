@@ -5,8 +5,8 @@
 #include <memory>
 #include <thread>
 
-#include "CDevio.h"
 #include "FabricFixtures.h"
+#include "Manager/CDevio.h"
 #include "RunLoopHost.h"
 #include "TestSupport.h"
 

@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "CDevio.h"
-#include "DeviceManager.h"
 #include "FabricFixtures.h"
+#include "Manager/CDevio.h"
+#include "Manager/DeviceManager.h"
 #include "RunLoopHost.h"
 #include "TestSupport.h"
 

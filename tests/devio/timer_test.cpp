@@ -1,4 +1,4 @@
-#include "Timer.h"
+#include "Base/Timer.h"
 
 #include <gtest/gtest.h>
 

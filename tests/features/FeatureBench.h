@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 
+#include "Base/ErrorRecord.h"
 #include "DeviceRig.h"
-#include "ErrorRecord.h"
-#include "FeatureRegistry.h"
-#include "IFeature0000Root.h"
+#include "Features/FeatureRegistry.h"
+#include "Features/IFeature0000Root.h"
 
 namespace devtest {
 

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Feature0003FirmwareInfo.h"
 #include "FeatureBench.h"
+#include "Features/Feature0003FirmwareInfo.h"
 
 namespace devtest {
 namespace {

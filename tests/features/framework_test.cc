@@ -12,13 +12,13 @@
 #include <thread>
 #include <typeinfo>
 
-#include "Feature.h"
-#include "Feature0000Root.h"
-#include "Feature0001FeatureSet.h"
-#include "Feature0003FirmwareInfo.h"
 #include "FeatureBench.h"
-#include "IFeature0001FeatureSet.h"
-#include "IFeature0003FirmwareInfo.h"
+#include "Features/Feature.h"
+#include "Features/Feature0000Root.h"
+#include "Features/Feature0001FeatureSet.h"
+#include "Features/Feature0003FirmwareInfo.h"
+#include "Features/IFeature0001FeatureSet.h"
+#include "Features/IFeature0003FirmwareInfo.h"
 #include "xlog.h"
 
 namespace devtest {

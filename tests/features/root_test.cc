@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Feature0000Root.h"
 #include "FeatureBench.h"
+#include "Features/Feature0000Root.h"
 
 namespace devtest {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "NamedMutex.h"
+#include "Base/NamedMutex.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) return 2;

@@ -1,6 +1,6 @@
 // NamedMutex between threads and between real processes.
 
-#include "NamedMutex.h"
+#include "Base/NamedMutex.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -9,9 +9,9 @@
 #include <chrono>
 #include <thread>
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
+#include "Base/Subscriber.h"
 #include "SimTree.h"
-#include "Subscriber.h"
 #include "TestSupport.h"
 #include "descriptors.h"
 

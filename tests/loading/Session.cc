@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "FeatureCacheFile.h"
+#include "Device/FeatureCacheFile.h"
 
 namespace loadtest {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "FeatureCacheFile.h"
+#include "Device/FeatureCacheFile.h"
 
 namespace fc = devio::feature_cache;
 

@@ -13,9 +13,9 @@
 #include <sstream>
 #include <thread>
 
-#include "ErrorRecord.h"
-#include "FeatureCacheFile.h"
-#include "IFeature0000Root.h"
+#include "Base/ErrorRecord.h"
+#include "Device/FeatureCacheFile.h"
+#include "Features/IFeature0000Root.h"
 #include "RunLoopHost.h"
 #include "Session.h"
 

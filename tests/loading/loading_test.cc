@@ -6,10 +6,10 @@
 
 #include <map>
 
-#include "ErrorRecord.h"
-#include "IFeature0000Root.h"
-#include "IFeature0001FeatureSet.h"
-#include "IFeature0003FirmwareInfo.h"
+#include "Base/ErrorRecord.h"
+#include "Features/IFeature0000Root.h"
+#include "Features/IFeature0001FeatureSet.h"
+#include "Features/IFeature0003FirmwareInfo.h"
 #include "Session.h"
 
 namespace loadtest {

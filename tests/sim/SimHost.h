@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "Base/Subscriber.h"
 #include "Linux/LinuxSystem.h"
 #include "Machine.h"
-#include "Subscriber.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32Device.h"
 

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
 #include "SimHost.h"
 
 namespace simtest {

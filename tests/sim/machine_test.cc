@@ -13,8 +13,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "Base/ErrorRecord.h"
 #include "DescriptionJson.h"
-#include "ErrorRecord.h"
 #include "SimHost.h"
 
 namespace simtest {

@@ -1,4 +1,4 @@
-#include "HidCaps.h"
+#include "Hid/HidCaps.h"
 
 #include <algorithm>
 #include <map>

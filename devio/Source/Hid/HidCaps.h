@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "ReportDescriptor.h"
+#include "Hid/ReportDescriptor.h"
 
 namespace devio::hid {
 

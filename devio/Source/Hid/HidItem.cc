@@ -1,4 +1,4 @@
-#include "HidItem.h"
+#include "Hid/HidItem.h"
 
 namespace devio::hid {
 

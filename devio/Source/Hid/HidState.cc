@@ -1,6 +1,6 @@
-#include "HidState.h"
+#include "Hid/HidState.h"
 
-#include "HidLimits.h"
+#include "Hid/HidLimits.h"
 
 namespace devio::hid {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "HidItem.h"
+#include "Hid/HidItem.h"
 
 namespace devio::hid {
 

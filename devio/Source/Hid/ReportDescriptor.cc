@@ -1,6 +1,6 @@
-#include "ReportDescriptor.h"
+#include "Hid/ReportDescriptor.h"
 
-#include "HidLimits.h"
+#include "Hid/HidLimits.h"
 
 namespace devio::hid {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "HidState.h"
+#include "Hid/HidState.h"
 
 namespace devio::hid {
 

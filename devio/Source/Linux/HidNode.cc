@@ -1,4 +1,4 @@
-#include "HidNode.h"
+#include "Linux/HidNode.h"
 
 #include <fcntl.h>
 #include <linux/hidraw.h>

@@ -1,8 +1,8 @@
-#include "InterfacePath.h"
+#include "Linux/InterfacePath.h"
 
 #include <algorithm>
 
-#include "SysfsHidraw.h"
+#include "Linux/SysfsHidraw.h"
 
 namespace devio::linux_hid {
 

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "InterfacePath.h"
-#include "LinuxSystem.h"
+#include "Linux/InterfacePath.h"
+#include "Linux/LinuxSystem.h"
 
 namespace devio {
 

@@ -1,4 +1,4 @@
-#include "LinuxSystem.h"
+#include "Linux/LinuxSystem.h"
 
 #include <unistd.h>
 
@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "DevioException.h"
+#include "Base/DevioException.h"
 #include "Hid/ReportDescriptor.h"
-#include "HidNode.h"
-#include "InterfacePath.h"
+#include "Linux/HidNode.h"
+#include "Linux/InterfacePath.h"
 
 namespace devio {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "SysfsHidraw.h"
+#include "Linux/SysfsHidraw.h"
 #include "Windows/IWin32System.h"
 
 namespace devio {

@@ -1,4 +1,4 @@
-#include "SysfsHidraw.h"
+#include "Linux/SysfsHidraw.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Byte.h"
+#include "Base/Byte.h"
 #include "Hid/HidCaps.h"
 
 namespace devio {

@@ -1,7 +1,7 @@
 #include "Windows/Win32Bus.h"
 
-#include "DevioException.h"
-#include "ErrorRecord.h"
+#include "Base/DevioException.h"
+#include "Base/ErrorRecord.h"
 #include "Windows/Win32Device.h"
 #include "xlog.h"
 

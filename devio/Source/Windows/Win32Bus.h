@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "IHardwareBus.h"
-#include "Producer.h"
+#include "Base/Producer.h"
+#include "Bus/IHardwareBus.h"
 #include "Windows/IWin32System.h"
 
 namespace devio {

@@ -1,7 +1,7 @@
 // The table that ties a removal registration to the file handle it watches.
 // From registration on, the handle belongs to the bus: only the bus closes it.
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "xlog.h"
 

@@ -1,6 +1,6 @@
 #include "Windows/Win32Device.h"
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32DeviceLog.h"
 

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "IHardwareDevice.h"
-#include "Producer.h"
+#include "Base/Producer.h"
+#include "Bus/IHardwareDevice.h"
 #include "Windows/IWin32System.h"
 
 namespace devio {

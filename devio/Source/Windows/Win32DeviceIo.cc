@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32Device.h"
 #include "Windows/Win32DeviceLog.h"

@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "ErrorRecord.h"
+#include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32Device.h"
 #include "Windows/Win32DeviceLog.h"

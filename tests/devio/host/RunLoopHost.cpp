@@ -1,6 +1,6 @@
 #include "RunLoopHost.h"
 
-#include "CDevio.h"
+#include "Manager/CDevio.h"
 
 namespace devio {
 

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <thread>
 
-#include "IDeviceManager.h"
-#include "Subscriber.h"
+#include "Base/Subscriber.h"
+#include "Manager/IDeviceManager.h"
 
 namespace devio {
 

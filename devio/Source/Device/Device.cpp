@@ -1,0 +1,148 @@
+// Device: construction, the start of its hardware side, and the calls that
+// only forward to the hardware device.
+
+#include "Device/Device.h"
+
+#include <cstdlib>
+
+#include "Base/ErrorRecord.h"
+#include "Device/DeviceLog.h"
+
+namespace devio {
+
+namespace {
+// Receivers carry the traffic of every device paired to them, so one name
+// serialises all of it across processes.
+bool is_receiver_product(int pid) {
+    return pid == 0xA101 || pid == 0xA102 || pid == 0xA103;
+}
+constexpr unsigned kBrbConfigItem = 7;
+constexpr int kBusTypeReceiver = 1;
+}  // namespace
+
+Device::Device(std::shared_ptr<IHardwareDevice> hw)
+    : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
+
+Device::~Device() {
+    // The timer's thread and its queued event must not outlive us.
+    if (cache_write_timer) {
+        Subscriber<ITimer::TimerEvent>::unsubscribe(cache_write_timer);
+        cache_write_timer->stop();
+    }
+    if (cache_dirty) perform_cache_write();
+    // Our members die before our Subscriber bases would leave the hardware
+    // device's producers: leave them first, which also waits for a delivery
+    // that the read thread is running in us.
+    Subscriber<IHardwareDevice::Read>::unsubscribe(hwdev);
+    Subscriber<IHardwareDevice::Write>::unsubscribe(hwdev);
+}
+
+bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
+    DEV_LOG(2, "initDevice", "Device::initDevice() enter");
+    manager_ = manager;
+    const int product = hwdev->pid();
+    if (is_receiver_product(product) || hwdev->bustype() == kBusTypeReceiver) {
+        device_mutex.init("VantBraid");
+    } else {
+        char name[32];
+        std::snprintf(name, sizeof name, "devio_0x%x", static_cast<unsigned>(product));
+        device_mutex.init(name);
+    }
+    DEV_LOG(2, "initDevice", "Device::initDevice enter, pid=0x%x", static_cast<unsigned>(product));
+    if (manager) active = manager->is_active();
+    make_cache_write_timer();
+    if (hwdev->bustype() == kBusTypeReceiver) {
+        bool enabled = false;
+        if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
+            brb_enabled = true;
+            DEV_LOG(2, "initDevice", "This braid device enabling the brb workaround, pid=0x%x",
+                    static_cast<unsigned>(product));
+        } else {
+            DEV_LOG(2, "initDevice", "Braid device but brb workaround disabled, pid=0x%x",
+                    static_cast<unsigned>(product));
+        }
+    }
+    DEV_LOG(2, "initDevice", "Device::initDevice() exit");
+    return true;
+}
+
+void Device::uninitDevice() {
+    DEV_LOG(2, "uninitDevice", "Device::uninitDevice() enter");
+    is_removed = true;
+    Subscriber<IHardwareDevice::Connect>::unsubscribe(hwdev);
+    Subscriber<IHardwareDevice::Read>::unsubscribe(hwdev);
+    {
+        std::lock_guard<std::mutex> lock(hw_start_mutex);
+        read_subscribed = false;
+        hw_started = false;
+        read_path_ready = false;
+    }
+    hwdev->close();
+    DEV_LOG(2, "uninitDevice", "Device::uninitDevice() exit");
+}
+
+bool Device::subscribe_read() {
+    if (read_subscribed) return true;
+    if (!Subscriber<IHardwareDevice::Read>::subscribe(hwdev, DeliveryDirect)) return false;
+    read_subscribed = true;
+    return true;
+}
+
+bool Device::lazy_hw_init() {
+    std::lock_guard<std::mutex> lock(hw_start_mutex);
+    if (hw_started) return true;
+    auto manager = manager_.lock();
+    if (!Subscriber<IHardwareDevice::Connect>::subscribe(hwdev, DeliveryRunLoop)) {
+        if (manager)
+            manager->report_unreported_error(
+                "Device::initDevice subscribe(IHardwareDevice::Connect)");
+        return false;
+    }
+    const bool there = hwdev->connected();
+    if (there && !subscribe_read()) {
+        if (manager)
+            manager->report_unreported_error("Device::initDevice subscribe(IHardwareDevice::Read)");
+        hwdev->open();
+    }
+    is_connected = there && active;
+    hw_started = true;
+    return true;
+}
+
+bool Device::connected() {
+    lazy_hw_init();
+    std::lock_guard<std::mutex> lock(hw_start_mutex);
+    return is_connected;
+}
+
+bool Device::on_subscribe(IDevice::WriteReport* /*subscriber*/) {
+    if (Subscriber<IHardwareDevice::Write>::subscribe(hwdev, DeliveryDirect)) {
+        DEV_LOG(3, "on_subscribe", "subscribed to write reports");
+    } else {
+        DEV_LOG(1, "on_subscribe", "could not subscribe to write reports, err=%d",
+                static_cast<int>(error_record().err));
+    }
+    return true;
+}
+
+unsigned Device::rand_range(unsigned low, int high) {
+    const auto span = static_cast<unsigned>(high) - low + 1;
+    return low + static_cast<unsigned>(std::rand()) % span;
+}
+
+void Device::store_feature(unsigned index, std::shared_ptr<IFeature> feature) {
+    std::lock_guard<std::mutex> lock(features_mutex);
+    feature_table[index] = std::move(feature);
+}
+
+bool Device::feature_based() {
+    std::lock_guard<std::mutex> lock(features_mutex);
+    return !feature_table.empty();
+}
+
+std::shared_ptr<IFeature> Device::feature_at(unsigned index) {
+    std::lock_guard<std::mutex> lock(features_mutex);
+    return feature_table[index];
+}
+
+}  // namespace devio

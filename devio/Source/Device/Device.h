@@ -1,0 +1,246 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Base/ITimer.h"
+#include "Base/NamedMutex.h"
+#include "Base/Producer.h"
+#include "Base/Subscriber.h"
+#include "Bus/IHardwareDevice.h"
+#include "Device/IDevice.h"
+#include "Device/VxpReport.h"
+#include "Features/IFeature.h"
+#include "Manager/IDeviceManager.h"
+
+namespace devio {
+
+// One logical device over one hardware device: it classifies every report
+// that the hardware reads, and turns "send a command, wait for its answer"
+// into one blocking call that survives lost answers, other programs on the
+// same link and other processes of this library.
+//
+// Threads:
+// - Callers of the command engine: any host thread, the run-loop pump.
+//   They take `device_mutex` (shared with every process by name), then
+//   `command_mutex`, never the other way round. `command_mutex` is left only
+//   while waiting for the answer; `device_mutex` is held through the wait.
+// - The hardware device's read thread: `onRead` and `onWrite`. It takes
+//   `last_report_mutex`, `features_mutex`, `command_mutex` and `swid_mutex`
+//   each alone, one after the other, and holds none while it hands a report
+//   to a feature.
+// - `cache_mutex` guards the cache of responses, the firmware text it
+//   belongs to and the cache directory, and is never held with another
+//   lock, so a cache hit costs one uncontended lock.
+// - `cache_write_timer` is delivered on the host's pumping thread, which
+//   writes the cache file from a copy taken under `cache_mutex`.
+// - `hw_start_mutex` guards the start of the hardware side and is held while
+//   subscribing to the hardware device, which takes that producer's lock.
+//   The read thread holds the producer's lock while it waits for
+//   `command_mutex`, so the engine starts the read path before it takes
+//   `command_mutex`, and under it only reads `read_path_ready`.
+// The flags that the read thread sets without `command_mutex` are atomic.
+class Device : public IDevice,
+               public Producer<IDevice::Report>,
+               public Producer<IDevice::WriteReport>,
+               public Producer<IDevice::Connect>,
+               public Producer<IDevice::ConfigChange>,
+               public Subscriber<IHardwareDevice::Read>,
+               public Subscriber<IHardwareDevice::Write>,
+               public Subscriber<IHardwareDevice::Connect>,
+               public Subscriber<ITimer::TimerEvent>,
+               public std::enable_shared_from_this<Device> {
+public:
+    using Match = std::vector<std::uint32_t>;
+
+    explicit Device(std::shared_ptr<IHardwareDevice> hwdev);
+    ~Device() override;
+
+    // IDevice
+    bool initDevice(const std::shared_ptr<IDeviceManager>& manager) override;
+    void uninitDevice() override;
+    bool connected() override;
+    bool removed() override { return is_removed.load(); }
+    int bustype() override { return hwdev->bustype(); }
+    int busport() override { return hwdev->busport(); }
+    std::shared_ptr<IHardwareBus> bus() override { return hwdev->bus(); }
+    std::string path() override { return hw_path; }
+    int pid() override { return hwdev->pid(); }
+    std::string name() override { return hwdev->name(); }
+    unsigned swid() override;
+    int secondary_id() override { return hwdev->secondary_id(); }
+    void forget() override;
+    std::weak_ptr<IDeviceManager> manager() override { return manager_; }
+    std::shared_ptr<IFeature> feature_by_id(unsigned id) override;
+    std::vector<std::shared_ptr<IFeature>> features() override;
+    bool sendCommand(const std::vector<Byte>& report, bool wait_ready) override;
+    bool sendSynchronousCommand(const std::vector<Byte>& command, std::vector<Byte>& response,
+                                int cache_mode, const Match& match) override;
+    void abandon() override;
+    bool retry_load_feature_root() override;
+    int hw_value() override { return hwdev->hw_value(); }
+    unsigned rand_range(unsigned low, int high) override;
+
+    // One exchange, without retries; `real_command` is false for pings.
+    bool sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command,
+                                            std::vector<Byte>& response, const Match& match,
+                                            bool real_command);
+
+    // Puts a feature object at its index; from then on the device is
+    // feature based. Used by feature loading.
+    void store_feature(unsigned index, std::shared_ptr<IFeature> feature);
+    // A device is feature based once it knows any feature.
+    bool feature_based();
+
+    // IHardwareDevice::Read, delivered directly on the read thread.
+    void onRead(std::vector<Byte> report, bool rewrite_index, unsigned sys_error,
+                unsigned size) override;
+    // IHardwareDevice::Write, delivered directly; also the engine's own
+    // report of each failed exchange.
+    void onWrite(std::vector<Byte> report, ErrorCode err, unsigned value) override;
+
+    // Whether the software id had to be changed because another program
+    // answered with ours; picks the id that others used least lately.
+    unsigned apply_swid_switch();
+
+    // Feature loading: the root first, then single features on demand or
+    // the whole table. A device that answered the root's version request
+    // with the VXP 1.0 error stays "not VXP 2.0" until `retry`.
+    bool load_feature_root(bool retry);
+    std::shared_ptr<IFeature> load_feature(unsigned id, bool cached);
+    bool load_features();
+    // Reads the firmware text that the cache belongs to, once.
+    bool load_fwinfo(bool had_cache);
+    // The running firmware's identification, or "NotPresent" for a device
+    // without firmware info; empty on failure.
+    std::string read_fwinfo(bool cached);
+    // Asks the device for its firmware again; a changed firmware makes the
+    // device forget its features and answers, and fails with
+    // `FwVersionChanged`.
+    bool do_fwcheck();
+    // The firmware text that the cache belongs to; empty until read.
+    std::string firmware_text();
+
+    // The feature cache file. A damaged file throws the XML parser's
+    // exception out of `persistent_data_directory`.
+    void persistent_data_directory(const std::string& dir);
+    void perform_cache_read();
+    void perform_cache_write();
+
+    // ITimer::TimerEvent, delivered on the host's pumping thread.
+    void onTimerEvent(int id) override;
+
+protected:
+    // Classifies one report (a copy that may be rewritten).
+    ReportType onReadHandler(std::vector<Byte>& report, bool rewrite_index);
+
+    using Producer<IDevice::Report>::on_subscribe;
+    using Producer<IDevice::Connect>::on_subscribe;
+    using Producer<IDevice::ConfigChange>::on_subscribe;
+    // A diagnostic subscriber to our write reports also wants those of the
+    // hardware, every good and bad write.
+    bool on_subscribe(IDevice::WriteReport* subscriber) override;
+
+private:
+    // The read path, in the order it tests a report.
+    std::shared_ptr<IFeature> feature_at(unsigned index);
+    bool deliver_notification(const std::vector<Byte>& report);
+    // Needs `command_mutex`; true when the report completed the command.
+    bool complete_pending(const std::vector<Byte>& report);
+    ReportType classify_other_software(const std::vector<Byte>& report);
+    void note_other_swid(unsigned sw);
+    void finish_exchange_locked(const std::vector<Byte>& report);
+
+    // The engine's pieces.
+    bool ping(const std::vector<Byte>& command, int attempt, bool& start_over);
+    bool cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& response);
+    void cache_store(const std::vector<Byte>& command, const std::vector<Byte>& response);
+    bool exchange_failed(ErrorCode err, unsigned value);
+    bool decode_error_report(const std::vector<Byte>& response);
+
+    // Starts what the hardware side needs on first use: the Connect
+    // subscription and, when the device is there, the Read subscription.
+    bool lazy_hw_init();
+    bool subscribe_read();
+    bool ensure_read_path();
+
+    // Connection (fields used by the engine and the read path).
+    std::weak_ptr<IDeviceManager> manager_;
+    const std::shared_ptr<IHardwareDevice> hwdev;
+    // The identity of the hardware device never changes; kept so that
+    // logging it costs no copy.
+    const std::string hw_path;
+    bool is_connected = false;
+    std::atomic<bool> is_removed{false};
+    std::atomic<bool> active{true};
+    std::atomic<std::uint16_t> cookie{0};
+    bool hw_started = false;
+    bool read_subscribed = false;
+    std::mutex hw_start_mutex;  // guards hw_started and read_subscribed
+    std::atomic<bool> read_path_ready{false};
+
+    // Report routing.
+    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;
+    std::mutex features_mutex;
+    std::atomic<bool> switch_swid{false};
+    // Written under `swid_mutex`; atomic so that the engine reads the id in
+    // use without a lock.
+    std::atomic<std::uint32_t> swid_{0};
+    std::array<std::uint32_t, 16> swid_last_used{};
+    std::uint32_t swid_use_counter = 0;
+    std::mutex swid_mutex;
+    std::int64_t last_report_time = 0;
+    std::mutex last_report_mutex;
+
+    // Command engine.
+    std::atomic<bool> abandoned{false};
+    Match match_indices, prev_match_indices;
+    std::vector<Byte> pending_command, prev_command, response;
+    bool read_completed = true;
+    bool initiated_brb_workaround = false;
+    std::mutex command_mutex;
+    std::condition_variable command_cv;
+    const std::int32_t response_timeout_ms = 3000;
+    const std::int32_t retries = 10;
+    NamedMutex device_mutex{std::string(), false};
+    std::atomic<bool> need_ping{false};
+    std::atomic<bool> need_fw_check{false};
+    std::map<std::vector<Byte>, std::vector<Byte>, vxp::CacheKeyLess> response_cache;
+    std::mutex cache_mutex;
+    bool cache_dirty = false;  // guarded by cache_mutex
+    std::shared_ptr<ITimer> cache_write_timer;
+    bool brb_enabled = false;
+    std::atomic<bool> brb_active{false};
+
+    // Firmware check: the firmware text that the cache belongs to; guarded
+    // by cache_mutex.
+    std::string fwinfo;
+
+    // Feature loading and the feature cache file. The loading state is
+    // written by the threads that load; atomic, so that two host threads
+    // loading at once only repeat work.
+    std::atomic<std::uint32_t> feature_root_state{0};  // 0 unknown, 1 not VXP 2.0, 2 loaded
+    std::atomic<bool> all_features_loaded{false};
+    // The check sends commands, whose retries may ask for the check again.
+    std::atomic<bool> in_fw_check{false};
+    std::string cache_dir;  // with its trailing separator; guarded by cache_mutex
+    // The firmware entity that was running when last asked.
+    std::atomic<std::uint32_t> fw_entity{0};
+
+    void set_fwinfo(const std::string& text);
+    std::shared_ptr<IFeature> stored_feature(unsigned index);
+    // Makes the object of a feature that the device's table lists, unless
+    // the table already holds it, and fills in its record.
+    std::shared_ptr<IFeature> put_feature(unsigned index, std::uint32_t id, bool obsolete,
+                                          bool hidden, bool engineering, unsigned version);
+    void make_cache_write_timer();
+};
+
+}  // namespace devio

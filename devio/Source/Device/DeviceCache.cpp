@@ -1,0 +1,136 @@
+// Device: the cache of responses on disk. Discovery over a wireless link
+// is slow, so every answer to a constant query is kept in one file per
+// device, read when the host names the directory and written ten seconds
+// after the first new answer, so that the burst of discovery makes one
+// write.
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "Base/Timer.h"
+#include "Device/Device.h"
+#include "Device/DeviceLog.h"
+#include "Device/FeatureCacheFile.h"
+
+namespace devio {
+
+namespace {
+constexpr int kCacheWriteTimerId = 1;
+
+// Writes the whole of `text` to `name` through a new file beside it, so
+// that a reader never meets a half-written cache: a damaged file would
+// throw at the next start.
+bool replace_file(const std::string& name, const std::string& text) {
+    const std::string scratch = name + "." + std::to_string(std::random_device{}()) + ".tmp";
+    {
+        std::ofstream out(scratch, std::ios::binary | std::ios::trunc);
+        if (!out) return false;
+        out.write(text.data(), static_cast<std::streamsize>(text.size()));
+        out.close();
+        if (!out) {
+            std::remove(scratch.c_str());
+            return false;
+        }
+    }
+    if (std::rename(scratch.c_str(), name.c_str()) != 0) {
+        std::remove(scratch.c_str());
+        return false;
+    }
+    return true;
+}
+}  // namespace
+
+void Device::make_cache_write_timer() {
+    cache_write_timer = std::make_shared<Timer>(kCacheWriteTimerId);
+    if (!Subscriber<ITimer::TimerEvent>::subscribe(cache_write_timer, DeliveryRunLoop)) {
+        if (auto manager = manager_.lock())
+            manager->report_unreported_error("Device::initDevice subscribe(cache_write_timer)");
+    }
+}
+
+void Device::onTimerEvent(int id) {
+    if (id == kCacheWriteTimerId) perform_cache_write();
+}
+
+void Device::persistent_data_directory(const std::string& dir) {
+    DEV_LOG(2, "persistent_data_directory", "Device::persistent_data_directory(%s)", dir.c_str());
+    if (dir.empty()) return;
+    {
+        std::lock_guard<std::mutex> lock(cache_mutex);
+        cache_dir = dir;
+        // The file name is glued to the directory.
+        if (cache_dir.back() != '/' && cache_dir.back() != '\\') cache_dir += '/';
+    }
+    perform_cache_read();
+}
+
+void Device::perform_cache_read() {
+    std::string dir;
+    {
+        std::lock_guard<std::mutex> lock(cache_mutex);
+        dir = cache_dir;
+    }
+    DEV_LOG(2, "perform_cache_read", "Device::perform_cache_read enter persistent_path=%s",
+            dir.c_str());
+    if (dir.empty()) {
+        DEV_LOG(2, "perform_cache_read", "data cache dir is empty");
+        return;
+    }
+    const std::string name =
+        feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
+    DEV_LOG(3, "perform_cache_read", "Device::perform_cache_read reading file %s", name.c_str());
+    std::ifstream in(name, std::ios::binary);
+    if (!in) {
+        DEV_LOG(3, "perform_cache_read", "Device::perform_cache_read file does not exist");
+        return;
+    }
+    std::vector<char> text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    text.push_back('\0');
+    // A damaged file throws here, before anything was taken from it.
+    const feature_cache::Document doc = feature_cache::parse(text.data());
+    if (doc.has_cache) {
+        std::lock_guard<std::mutex> lock(cache_mutex);
+        // A file without `fw` counts as written for an empty firmware text.
+        if (!fwinfo.empty() && fwinfo != doc.fw) {
+            DEV_LOG(2, "perform_cache_read",
+                    "cache is incorrect version (%s != %s)... invalidating", fwinfo.c_str(),
+                    doc.fw.c_str());
+            cache_dirty = true;
+        } else {
+            // What is in memory was asked of this device in this run: it wins.
+            for (const auto& entry : doc.commands) response_cache.emplace(entry.cmd, entry.rsp);
+        }
+    }
+    DEV_LOG(2, "perform_cache_read", "Device::perform_cache_read exit");
+}
+
+void Device::perform_cache_write() {
+    std::string dir, fw;
+    std::vector<feature_cache::Entry> entries;
+    {
+        std::lock_guard<std::mutex> lock(cache_mutex);
+        cache_dirty = false;
+        dir = cache_dir;
+        fw = fwinfo;
+        if (!dir.empty() && !fw.empty()) {
+            entries.reserve(response_cache.size());
+            for (const auto& [cmd, rsp] : response_cache) entries.push_back({cmd, rsp});
+        }
+    }
+    if (dir.empty()) {
+        DEV_LOG(2, "perform_cache_write", "perform_cache_write: feature cache path is empty");
+        return;
+    }
+    if (fw.empty()) {
+        DEV_LOG(2, "perform_cache_write", "perform_cache_write: fwinfo is empty");
+        return;
+    }
+    const std::string name =
+        feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
+    if (!replace_file(name, feature_cache::print(fw, hw_path, entries))) return;
+    DEV_LOG(2, "perform_cache_write", "wrote feature cache to file %s", name.c_str());
+}
+
+}  // namespace devio

@@ -1,0 +1,183 @@
+// Device: what every report that the hardware reads is. It may complete the
+// pending command, be a notification for a feature, be another program's
+// answer, or be noise. Runs on the hardware device's read thread.
+
+#include <chrono>
+
+#include "Device/Device.h"
+#include "Device/DeviceLog.h"
+#include "Device/VxpReport.h"
+#include "Features/Feature.h"
+
+namespace devio {
+
+namespace {
+std::int64_t steady_now_ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::vector<Byte> params_of(const std::vector<Byte>& report) {
+    return std::vector<Byte>(report.begin() + 4, report.end());
+}
+}  // namespace
+
+void Device::onRead(std::vector<Byte> report, bool rewrite_index, unsigned sys_error,
+                    unsigned size) {
+    std::vector<Byte> copy = report;
+    const ReportType type = onReadHandler(copy, rewrite_index);
+    if (!active) return;
+    Producer<IDevice::Report>::produce(
+        [report, sys_error, size, type](IDevice::Report* s) {
+            s->onReport(report, sys_error, size, type);
+        },
+        event_names::DeviceReport.onReport);
+}
+
+void Device::onWrite(std::vector<Byte> report, ErrorCode err, unsigned value) {
+    if (!active) return;
+    Producer<IDevice::WriteReport>::produce(
+        [report, err, value](IDevice::WriteReport* s) { s->onWriteReport(report, err, value); },
+        event_names::DeviceWriteReport.onWriteReport);
+}
+
+IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrite_index) {
+    {
+        std::lock_guard<std::mutex> lock(last_report_mutex);
+        last_report_time = steady_now_ns();
+    }
+    if (report.size() < vxp::kShortReportSize) {
+        DEV_LOG(1, "onReadHandler", "Not processing short read report of %d bytes",
+                static_cast<int>(report.size()));
+        return ReportIgnored;
+    }
+    // A receiver's device sees its own index on the wire; above it, every
+    // device is "the device itself".
+    if (rewrite_index) report[1] = vxp::kOwnIndex;
+    if (vxp::is_vxp10_notification(report[2])) {
+        DEV_LOG(3, "onReadHandler", "Report is a Vxp 1.0 notification");
+        return ReportNotification;
+    }
+    if (report[1] != 0 && report[1] != vxp::kOwnIndex) return ReportIgnored;
+
+    const bool feature_based_now = feature_based();
+    if (feature_based_now && deliver_notification(report)) return ReportNotification;
+    if (!feature_based_now && report[2] >= 1 && report[2] <= 0x7F) {
+        DEV_LOG(
+            3, "onReadHandler",
+            "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown feature");
+        return ReportIgnored;
+    }
+
+    {
+        std::unique_lock<std::mutex> lock(command_mutex);
+        if (read_completed) {
+            DEV_LOG(3, "onReadHandler", "No command in progress");
+        } else if (pending_command.empty()) {
+            DEV_LOG(3, "onReadHandler", "Command in progress, size is %d",
+                    static_cast<int>(pending_command.size()));
+        } else if (complete_pending(report)) {
+            lock.unlock();
+            command_cv.notify_all();
+            return ReportResponse;
+        }
+    }
+    return classify_other_software(report);
+}
+
+bool Device::deliver_notification(const std::vector<Byte>& report) {
+    if (vxp::swid_of(report[3]) != 0) return false;
+    auto feature = feature_at(report[2]);
+    if (!feature) return false;
+    DEV_LOG(3, "onReadHandler", "Report is a VXP 2.0 notification");
+    if (active) {
+        if (auto entry = feature->sharedFeature()) {
+            entry->deliverFeatureReport(static_cast<int>(vxp::function_of(report[3])),
+                                        params_of(report));
+        }
+    }
+    return true;
+}
+
+bool Device::complete_pending(const std::vector<Byte>& report) {
+    if (vxp::is_error_response(report, pending_command)) {
+        DEV_LOG(3, "onReadHandler", "Report is a Vxp error response");
+        finish_exchange_locked(report);
+        return true;
+    }
+    if (!vxp::header_matches(report, pending_command)) {
+        DEV_LOG(3, "onReadHandler",
+                "Response with mismatched header does not complete our pending command. Continuing "
+                "decoding... (!)");
+    } else if (vxp::payload_matches(report, pending_command, match_indices)) {
+        DEV_LOG(3, "onReadHandler", "Report is a Vxp command response");
+        hwdev->response_seen(hwdev->response_token());
+        finish_exchange_locked(report);
+        return true;
+    } else {
+        DEV_LOG(3, "onReadHandler",
+                "Response with mismatched payload does not complete our pending command. "
+                "Continuing decoding...");
+    }
+    // A device that answers one command late sends the answer to the
+    // previous command now; the engine then flushes each answer out.
+    if (brb_enabled && !brb_active && vxp::header_matches(report, prev_command) &&
+        vxp::payload_matches(report, prev_command, prev_match_indices)) {
+        DEV_LOG(2, "onReadHandler",
+                "Response matches previous command. Activating brb workaround.");
+        brb_active = true;
+        initiated_brb_workaround = true;
+        finish_exchange_locked(report);
+        return true;
+    }
+    return false;
+}
+
+void Device::finish_exchange_locked(const std::vector<Byte>& report) {
+    response = report;
+    read_completed = true;
+}
+
+IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& report) {
+    if (!feature_based()) {
+        DEV_LOG(3, "onReadHandler", "Report is an unexpected VXP 1.0 command response, ignoring");
+        return ReportOtherSoftware;
+    }
+    const unsigned function = vxp::function_of(report[3]);
+    const unsigned sw = vxp::swid_of(report[3]);
+    // Another program asking which protocol the device speaks.
+    if (report[2] == 0 && function == 1 && report[6] == 0) {
+        DEV_LOG(3, "onReadHandler",
+                "Report is a protocol check response from other SW using swid 0x%x, ignoring", sw);
+        return ReportOtherSoftware;
+    }
+    DEV_LOG(3, "onReadHandler", "Report is a feature response from other SW using swid 0x%x", sw);
+    if (sw == swid()) {
+        DEV_LOG(2, "onReadHandler",
+                "Report is an unexpected command response with our swid 0x%x, so we will switch "
+                "our swid",
+                sw);
+        switch_swid = true;
+        need_ping = true;
+    }
+    note_other_swid(sw);
+    auto feature = feature_at(report[2]);
+    if (feature) {
+        if (active) {
+            if (auto entry = feature->sharedFeature())
+                entry->deliverUnexpectedResponse(function, sw, params_of(report));
+        }
+    } else if (sw != 0) {
+        DEV_LOG(3, "onReadHandler",
+                "Report is a response to an unknown feature index %02x from other SW using swid "
+                "0x%x, ignoring",
+                report[2], sw);
+    } else {
+        DEV_LOG(3, "onReadHandler",
+                "Report is a notif from an unknown feature at index %02x, ignoring", report[2]);
+    }
+    return ReportOtherSoftware;
+}
+
+}  // namespace devio
