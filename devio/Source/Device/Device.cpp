@@ -5,8 +5,8 @@
 
 #include <cstdlib>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
-#include "Device/DeviceLog.h"
 
 namespace devio {
 
@@ -38,7 +38,7 @@ Device::~Device() {
 }
 
 bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
-    DEV_LOG(2, "initDevice", "Device::initDevice() enter");
+    DEVIO_LOG("Device", 2, "initDevice", "Device::initDevice() enter");
     manager_ = manager;
     const int product = hwdev->pid();
     if (is_receiver_product(product) || hwdev->bustype() == kBusTypeReceiver) {
@@ -48,26 +48,29 @@ bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
         std::snprintf(name, sizeof name, "devio_0x%x", static_cast<unsigned>(product));
         device_mutex.init(name);
     }
-    DEV_LOG(2, "initDevice", "Device::initDevice enter, pid=0x%x", static_cast<unsigned>(product));
+    DEVIO_LOG("Device", 2, "initDevice", "Device::initDevice enter, pid=0x%x",
+              static_cast<unsigned>(product));
     if (manager) active = manager->is_active();
     make_cache_write_timer();
     if (hwdev->bustype() == kBusTypeReceiver) {
         bool enabled = false;
         if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
             brb_enabled = true;
-            DEV_LOG(2, "initDevice", "This braid device enabling the brb workaround, pid=0x%x",
-                    static_cast<unsigned>(product));
+            DEVIO_LOG("Device", 2, "initDevice",
+                      "This braid device enabling the brb workaround, pid=0x%x",
+                      static_cast<unsigned>(product));
         } else {
-            DEV_LOG(2, "initDevice", "Braid device but brb workaround disabled, pid=0x%x",
-                    static_cast<unsigned>(product));
+            DEVIO_LOG("Device", 2, "initDevice",
+                      "Braid device but brb workaround disabled, pid=0x%x",
+                      static_cast<unsigned>(product));
         }
     }
-    DEV_LOG(2, "initDevice", "Device::initDevice() exit");
+    DEVIO_LOG("Device", 2, "initDevice", "Device::initDevice() exit");
     return true;
 }
 
 void Device::uninitDevice() {
-    DEV_LOG(2, "uninitDevice", "Device::uninitDevice() enter");
+    DEVIO_LOG("Device", 2, "uninitDevice", "Device::uninitDevice() enter");
     is_removed = true;
     Subscriber<IHardwareDevice::Connect>::unsubscribe(hwdev);
     Subscriber<IHardwareDevice::Read>::unsubscribe(hwdev);
@@ -78,7 +81,7 @@ void Device::uninitDevice() {
         read_path_ready = false;
     }
     hwdev->close();
-    DEV_LOG(2, "uninitDevice", "Device::uninitDevice() exit");
+    DEVIO_LOG("Device", 2, "uninitDevice", "Device::uninitDevice() exit");
 }
 
 bool Device::subscribe_read() {
@@ -117,10 +120,10 @@ bool Device::connected() {
 
 bool Device::on_subscribe(IDevice::WriteReport* /*subscriber*/) {
     if (Subscriber<IHardwareDevice::Write>::subscribe(hwdev, DeliveryDirect)) {
-        DEV_LOG(3, "on_subscribe", "subscribed to write reports");
+        DEVIO_LOG("Device", 3, "on_subscribe", "subscribed to write reports");
     } else {
-        DEV_LOG(1, "on_subscribe", "could not subscribe to write reports, err=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 1, "on_subscribe", "could not subscribe to write reports, err=%d",
+                  static_cast<int>(error_record().err));
     }
     return true;
 }

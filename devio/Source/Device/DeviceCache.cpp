@@ -9,9 +9,9 @@
 #include <iterator>
 #include <random>
 
+#include "Base/ClassLog.h"
 #include "Base/Timer.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Device/FeatureCacheFile.h"
 
 namespace devio {
@@ -55,7 +55,8 @@ void Device::onTimerEvent(int id) {
 }
 
 void Device::persistent_data_directory(const std::string& dir) {
-    DEV_LOG(2, "persistent_data_directory", "Device::persistent_data_directory(%s)", dir.c_str());
+    DEVIO_LOG("Device", 2, "persistent_data_directory", "Device::persistent_data_directory(%s)",
+              dir.c_str());
     if (dir.empty()) return;
     {
         std::lock_guard<std::mutex> lock(cache_mutex);
@@ -72,18 +73,20 @@ void Device::perform_cache_read() {
         std::lock_guard<std::mutex> lock(cache_mutex);
         dir = cache_dir;
     }
-    DEV_LOG(2, "perform_cache_read", "Device::perform_cache_read enter persistent_path=%s",
-            dir.c_str());
+    DEVIO_LOG("Device", 2, "perform_cache_read",
+              "Device::perform_cache_read enter persistent_path=%s", dir.c_str());
     if (dir.empty()) {
-        DEV_LOG(2, "perform_cache_read", "data cache dir is empty");
+        DEVIO_LOG("Device", 2, "perform_cache_read", "data cache dir is empty");
         return;
     }
     const std::string name =
         feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
-    DEV_LOG(3, "perform_cache_read", "Device::perform_cache_read reading file %s", name.c_str());
+    DEVIO_LOG("Device", 3, "perform_cache_read", "Device::perform_cache_read reading file %s",
+              name.c_str());
     std::ifstream in(name, std::ios::binary);
     if (!in) {
-        DEV_LOG(3, "perform_cache_read", "Device::perform_cache_read file does not exist");
+        DEVIO_LOG("Device", 3, "perform_cache_read",
+                  "Device::perform_cache_read file does not exist");
         return;
     }
     std::vector<char> text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -94,16 +97,16 @@ void Device::perform_cache_read() {
         std::lock_guard<std::mutex> lock(cache_mutex);
         // A file without `fw` counts as written for an empty firmware text.
         if (!fwinfo.empty() && fwinfo != doc.fw) {
-            DEV_LOG(2, "perform_cache_read",
-                    "cache is incorrect version (%s != %s)... invalidating", fwinfo.c_str(),
-                    doc.fw.c_str());
+            DEVIO_LOG("Device", 2, "perform_cache_read",
+                      "cache is incorrect version (%s != %s)... invalidating", fwinfo.c_str(),
+                      doc.fw.c_str());
             cache_dirty = true;
         } else {
             // What is in memory was asked of this device in this run: it wins.
             for (const auto& entry : doc.commands) response_cache.emplace(entry.cmd, entry.rsp);
         }
     }
-    DEV_LOG(2, "perform_cache_read", "Device::perform_cache_read exit");
+    DEVIO_LOG("Device", 2, "perform_cache_read", "Device::perform_cache_read exit");
 }
 
 void Device::perform_cache_write() {
@@ -120,17 +123,18 @@ void Device::perform_cache_write() {
         }
     }
     if (dir.empty()) {
-        DEV_LOG(2, "perform_cache_write", "perform_cache_write: feature cache path is empty");
+        DEVIO_LOG("Device", 2, "perform_cache_write",
+                  "perform_cache_write: feature cache path is empty");
         return;
     }
     if (fw.empty()) {
-        DEV_LOG(2, "perform_cache_write", "perform_cache_write: fwinfo is empty");
+        DEVIO_LOG("Device", 2, "perform_cache_write", "perform_cache_write: fwinfo is empty");
         return;
     }
     const std::string name =
         feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
     if (!replace_file(name, feature_cache::print(fw, hw_path, entries))) return;
-    DEV_LOG(2, "perform_cache_write", "wrote feature cache to file %s", name.c_str());
+    DEVIO_LOG("Device", 2, "perform_cache_write", "wrote feature cache to file %s", name.c_str());
 }
 
 }  // namespace devio

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <thread>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Device/VxpReport.h"
 
 namespace devio {
@@ -36,14 +36,14 @@ bool Device::cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& o
         std::lock_guard<std::mutex> lock(cache_mutex);
         auto found = response_cache.find(vxp::CacheProbe{command});
         if (found == response_cache.end()) {
-            DEV_LOG(3, "sendSynchronousCommand", "requested command not in cache:");
+            DEVIO_LOG("Device", 3, "sendSynchronousCommand", "requested command not in cache:");
             return false;
         }
         out = found->second;
     }
     if (out.size() > 3) out[3] = vxp::with_swid(out[3], swid());
-    DEV_LOG(2, "sendSynchronousCommand",
-            "sendSynchronousCommand exit (true, returning cached data)");
+    DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+              "sendSynchronousCommand exit (true, returning cached data)");
     return true;
 }
 
@@ -64,13 +64,13 @@ void Device::cache_store(const std::vector<Byte>& command, const std::vector<Byt
 bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_over) {
     start_over = false;
     if (attempt > 0) {
-        DEV_LOG(3, "sendSynchronousCommand", "delaying before ping");
+        DEVIO_LOG("Device", 3, "sendSynchronousCommand", "delaying before ping");
         // Growing delays give a device that is busy or resetting time to
         // come back; the jitter keeps two processes from retrying in step.
         const int delay = (kPingDelayBaseMs << attempt) + std::rand() % kPingJitterMs;
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     }
-    DEV_LOG(3, "sendSynchronousCommand", "sending ping");
+    DEVIO_LOG("Device", 3, "sendSynchronousCommand", "sending ping");
     const auto echo = static_cast<Byte>(rand_range(kFirstEchoByte, kLastEchoByte));
     const unsigned id = apply_swid_switch();
     const std::vector<Byte> report{vxp::kShortReportId,
@@ -82,33 +82,34 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
                                    echo};
     std::vector<Byte> answer;
     if (sendSynchronousCommandWithoutRetry(report, answer, kPingMatch, false)) {
-        DEV_LOG(3, "sendSynchronousCommand", "ping successful");
+        DEVIO_LOG("Device", 3, "sendSynchronousCommand", "ping successful");
         // Another collision came in while we pinged: ping again.
         start_over = need_ping.load();
         return true;
     }
     const ErrorCode err = error_record().err;
     if (soft_for_ping(err)) {
-        DEV_LOG(2, "sendSynchronousCommand",
-                "on ping soft error errcode=%d, will ping and retry %d more times",
-                static_cast<int>(err), retries - attempt);
+        DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+                  "on ping soft error errcode=%d, will ping and retry %d more times",
+                  static_cast<int>(err), retries - attempt);
         need_ping = true;
         start_over = true;
         return true;
     }
-    DEV_LOG(2, "sendSynchronousCommand",
-            "Device::sendSynchronousCommand exit (false, ping hard error %d)",
-            static_cast<int>(err));
+    DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+              "Device::sendSynchronousCommand exit (false, ping hard error %d)",
+              static_cast<int>(err));
     return false;
 }
 
 bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vector<Byte>& out,
                                     int cache_mode, const Match& match) {
-    DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand enter, dev=%s", hw_path.c_str());
+    DEVIO_LOG("Device", 2, "sendSynchronousCommand", "sendSynchronousCommand enter, dev=%s",
+              hw_path.c_str());
     if (command.size() >= 4) {
-        DEV_LOG(3, "sendSynchronousCommand",
-                "sendSynchronousCommand cmd starts with %02x %02x %02x %02x", command[0],
-                command[1], command[2], command[3]);
+        DEVIO_LOG("Device", 3, "sendSynchronousCommand",
+                  "sendSynchronousCommand cmd starts with %02x %02x %02x %02x", command[0],
+                  command[1], command[2], command[3]);
     }
     // Only constant queries of features are cached; the rest of the index
     // space holds error reports and registers, which are never constant.
@@ -117,10 +118,10 @@ bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vecto
 
     for (int attempt = 0; attempt <= retries;) {
         if (need_ping.exchange(false)) {
-            DEV_LOG(3, "sendSynchronousCommand", "need a ping");
+            DEVIO_LOG("Device", 3, "sendSynchronousCommand", "need a ping");
             if (!feature_based()) {
-                DEV_LOG(3, "sendSynchronousCommand",
-                        "not sending ping because device not feature based");
+                DEVIO_LOG("Device", 3, "sendSynchronousCommand",
+                          "not sending ping because device not feature based");
             } else {
                 bool start_over = false;
                 if (!ping(command, attempt, start_over)) {
@@ -134,36 +135,38 @@ bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vecto
             }
         }
         if (need_fw_check && !do_fwcheck()) {
-            DEV_LOG(1, "sendSynchronousCommand",
-                    "before sending command the fw check failed, err=%d",
-                    static_cast<int>(error_record().err));
+            DEVIO_LOG("Device", 1, "sendSynchronousCommand",
+                      "before sending command the fw check failed, err=%d",
+                      static_cast<int>(error_record().err));
             cookie = 0;
             return false;
         }
         std::vector<Byte> copy = command;
         if (copy.size() > 3 && feature_based()) copy[3] = vxp::with_swid(copy[3], swid());
         if (sendSynchronousCommandWithoutRetry(copy, out, match, true)) {
-            DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand exit (true, success)");
+            DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+                      "sendSynchronousCommand exit (true, success)");
             if (cache_mode == 1) cache_store(copy, out);
             return true;
         }
         const ErrorCode err = error_record().err;
         if (!soft_for_command(err)) {
-            DEV_LOG(2, "sendSynchronousCommand", "synchronous command hard error errcode=%d",
-                    static_cast<int>(err));
+            DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+                      "synchronous command hard error errcode=%d", static_cast<int>(err));
             cookie = 0;
             return false;
         }
-        DEV_LOG(2, "sendSynchronousCommand",
-                "synchronous command soft error errcode=%d, will ping and retry %d more times",
-                static_cast<int>(err), retries - attempt);
+        DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+                  "synchronous command soft error errcode=%d, will ping and retry %d more times",
+                  static_cast<int>(err), retries - attempt);
         need_ping = true;
         // The device may have been reset or reflashed while it was silent.
         if (err == NoResponse) need_fw_check = true;
         ++attempt;
     }
     set_error(NoResponse);
-    DEV_LOG(2, "sendSynchronousCommand", "sendSynchronousCommand exit (false, NoResponse)");
+    DEVIO_LOG("Device", 2, "sendSynchronousCommand",
+              "sendSynchronousCommand exit (false, NoResponse)");
     cookie = 0;
     return false;
 }

@@ -3,9 +3,9 @@
 
 #include <chrono>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Device/VxpReport.h"
 
 namespace devio {
@@ -18,25 +18,26 @@ constexpr Byte kLastVxp20Error = 9;
 
 bool Device::sendCommand(const std::vector<Byte>& report, bool wait_ready) {
     if (abandoned) {
-        DEV_LOG(2, "sendCommand", "Device::sendCommand() - abandoned!");
+        DEVIO_LOG("Device", 2, "sendCommand", "Device::sendCommand() - abandoned!");
         set_error(Abandoned);
         return false;
     }
     if (is_removed) {
-        DEV_LOG(2, "sendCommand", "Device::sendCommand() - removed!");
+        DEVIO_LOG("Device", 2, "sendCommand", "Device::sendCommand() - removed!");
         set_error(DeviceRemoved);
         return false;
     }
     if (!hwdev->open()) {
-        DEV_LOG(1, "sendCommand", "Device::sendCommand() - hardware device not open!");
+        DEVIO_LOG("Device", 1, "sendCommand", "Device::sendCommand() - hardware device not open!");
         return false;
     }
     // The read path must be in place before the report goes out, or the
     // answer could come back to nobody.
     if (wait_ready && !ensure_read_path()) return false;
     if (!hwdev->write(report, wait_ready)) {
-        DEV_LOG(1, "sendCommand", "Device::sendCommand() - hwdev->write() failed, errcode = %d!",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 1, "sendCommand",
+                  "Device::sendCommand() - hwdev->write() failed, errcode = %d!",
+                  static_cast<int>(error_record().err));
         return false;
     }
     return true;
@@ -78,14 +79,15 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     initiated_brb_workaround = false;
 
     if (!sendCommand(command, true)) {
-        DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                "Device::sendSynchronousCommandWithoutRetry() - sendCommand failed!");
+        DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
+                  "Device::sendSynchronousCommandWithoutRetry() - sendCommand failed!");
         const ErrorRecord saved = error_record();
         const bool still_there = hwdev->verify_connection_following_timeout();
         error_record() = saved;
         if (!still_there) {
-            DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                    "Device::sendSynchronousCommandWithoutRetry() - not connected after timeout!");
+            DEVIO_LOG(
+                "Device", 1, "sendSynchronousCommandWithoutRetry",
+                "Device::sendSynchronousCommandWithoutRetry() - not connected after timeout!");
             set_error(NotConnected);
             onWrite({}, NotConnected, 0);
         }
@@ -95,15 +97,15 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
             prev_match_indices = match_indices;
         }
         pending_command.clear();
-        DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                "sendSynchronousCommandWithoutRetry returning error %d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
+                  "sendSynchronousCommandWithoutRetry returning error %d",
+                  static_cast<int>(error_record().err));
         return false;
     }
     if (brb_active) {
-        DEV_LOG(3, "sendSynchronousCommandWithoutRetry",
-                "sendSynchronousCommandWithoutRetry brb workaround sending extra get protocol "
-                "request to flush response");
+        DEVIO_LOG("Device", 3, "sendSynchronousCommandWithoutRetry",
+                  "sendSynchronousCommandWithoutRetry brb workaround sending extra get protocol "
+                  "request to flush response");
         std::vector<Byte> flush(vxp::kShortReportSize, 0);
         flush[3] = vxp::with_swid(0x10, swid());
         sendCommand(flush, false);
@@ -123,36 +125,38 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
 
     if (initiated_brb_workaround) {
         initiated_brb_workaround = false;
-        DEV_LOG(
-            2, "sendSynchronousCommandWithoutRetry",
+        DEVIO_LOG(
+            "Device", 2, "sendSynchronousCommandWithoutRetry",
             "Device::_initiated_brb_workaround, returning no response to trigger a quick retry");
         return exchange_failed(NoResponse, 0);
     }
     if (abandoned) {
-        DEV_LOG(2, "sendSynchronousCommandWithoutRetry",
-                "Device::sendSynchronousCommandWithoutRetry() - abandoned!");
+        DEVIO_LOG("Device", 2, "sendSynchronousCommandWithoutRetry",
+                  "Device::sendSynchronousCommandWithoutRetry() - abandoned!");
         return exchange_failed(Abandoned, 0);
     }
     if (!answered) {
-        DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, "
-                "timeout was %d ms",
-                static_cast<int>(elapsed_ms), response_timeout_ms);
+        DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
+                  "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, "
+                  "timeout was %d ms",
+                  static_cast<int>(elapsed_ms), response_timeout_ms);
         if (!hwdev->verify_connection_following_timeout()) {
-            DEV_LOG(1, "sendSynchronousCommandWithoutRetry",
-                    "Device::sendSynchronousCommandWithoutRetry() - not connected after timeout!");
+            DEVIO_LOG(
+                "Device", 1, "sendSynchronousCommandWithoutRetry",
+                "Device::sendSynchronousCommandWithoutRetry() - not connected after timeout!");
             return exchange_failed(NotConnected, 0);
         }
         lock.unlock();
         device_lock.unlock();
-        DEV_LOG(2, "sendSynchronousCommandWithoutRetry",
-                "Device::sendSynchronousCommandWithoutRetry() - no response!");
+        DEVIO_LOG("Device", 2, "sendSynchronousCommandWithoutRetry",
+                  "Device::sendSynchronousCommandWithoutRetry() - no response!");
         return exchange_failed(NoResponse, 0);
     }
     if (decode_error_report(response)) return false;
     out = response;
-    DEV_LOG(3, "sendSynchronousCommandWithoutRetry", "pid %04x elapsed command time %d ms",
-            static_cast<unsigned>(hwdev->pid()), static_cast<int>(elapsed_ms));
+    DEVIO_LOG("Device", 3, "sendSynchronousCommandWithoutRetry",
+              "pid %04x elapsed command time %d ms", static_cast<unsigned>(hwdev->pid()),
+              static_cast<int>(elapsed_ms));
     return true;
 }
 
@@ -173,15 +177,15 @@ bool Device::decode_error_report(const std::vector<Byte>& report) {
 }
 
 void Device::abandon() {
-    DEV_LOG(2, "abandon", "Device::abandon enter");
+    DEVIO_LOG("Device", 2, "abandon", "Device::abandon enter");
     abandoned = true;
-    DEV_LOG(3, "abandon", "Device::abandon setting readCompleted_");
+    DEVIO_LOG("Device", 3, "abandon", "Device::abandon setting readCompleted_");
     {
         std::lock_guard<std::mutex> lock(command_mutex);
         read_completed = true;
     }
     command_cv.notify_all();
-    DEV_LOG(2, "abandon", "Device::abandon exit");
+    DEVIO_LOG("Device", 2, "abandon", "Device::abandon exit");
 }
 
 }  // namespace devio

@@ -4,9 +4,9 @@
 // set. Every constant query passes "cached", so a second start with the
 // same firmware is answered from the cache of responses.
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Features/Feature.h"
 #include "Features/FeatureRegistry.h"
 #include "Features/IFeature0000Root.h"
@@ -50,27 +50,29 @@ std::shared_ptr<IFeature> Device::put_feature(unsigned index, std::uint32_t id, 
 }
 
 bool Device::retry_load_feature_root() {
-    DEV_LOG(2, "retry_load_feature_root", "Device::retry_load_feature_root");
+    DEVIO_LOG("Device", 2, "retry_load_feature_root", "Device::retry_load_feature_root");
     return load_feature_root(true);
 }
 
 bool Device::load_feature_root(bool retry) {
     if (retry) {
-        DEV_LOG(2, "load_feature_root", "Device::load_feature_root - retry was requested");
+        DEVIO_LOG("Device", 2, "load_feature_root",
+                  "Device::load_feature_root - retry was requested");
         feature_root_state = kRootUnknown;
     }
     if (feature_root_state == kRootLoaded) {
-        DEV_LOG(3, "load_feature_root",
-                "Device::load_feature_root - using previous true result (feature already loaded)");
+        DEVIO_LOG(
+            "Device", 3, "load_feature_root",
+            "Device::load_feature_root - using previous true result (feature already loaded)");
         return true;
     }
     if (feature_root_state == kRootNotVxp20) {
         set_error(NotVxp20);
-        DEV_LOG(3, "load_feature_root",
-                "Device::load_feature_root - using previous false result (NotVxp20)");
+        DEVIO_LOG("Device", 3, "load_feature_root",
+                  "Device::load_feature_root - using previous false result (NotVxp20)");
         return false;
     }
-    DEV_LOG(2, "load_feature_root", "Device::load_feature_root enter");
+    DEVIO_LOG("Device", 2, "load_feature_root", "Device::load_feature_root enter");
     bool had_cache = false;
     {
         std::lock_guard<std::mutex> lock(cache_mutex);
@@ -79,15 +81,15 @@ bool Device::load_feature_root(bool retry) {
     auto root = createFeature(0, 0, weak_from_this().lock());
     if (!root) {
         set_error(InternalError, "cannot create root feature");
-        DEV_LOG(2, "load_feature_root",
-                "Device::load_feature_root exit (false, cannot create root feature)");
+        DEVIO_LOG("Device", 2, "load_feature_root",
+                  "Device::load_feature_root exit (false, cannot create root feature)");
         return false;
     }
     auto* root_feature = dynamic_cast<IFeature0000Root*>(root.get());
     if (root_feature == nullptr) {
         set_error(InternalError, "load_feature_root cannot cast root feature");
-        DEV_LOG(2, "load_feature_root",
-                "Device::load_feature_root exit (false, cannot cast root feature)");
+        DEVIO_LOG("Device", 2, "load_feature_root",
+                  "Device::load_feature_root exit (false, cannot cast root feature)");
         return false;
     }
     if (!root_feature->TargetSw(nullptr, nullptr)) {
@@ -96,27 +98,30 @@ bool Device::load_feature_root(bool retry) {
         if (error_record().err == Vxp10Error1) {
             feature_root_state = kRootNotVxp20;
             set_error(NotVxp20);
-            DEV_LOG(2, "load_feature_root",
-                    "Device::load_feature_root exit (false, not VXP 2.0 device)");
+            DEVIO_LOG("Device", 2, "load_feature_root",
+                      "Device::load_feature_root exit (false, not VXP 2.0 device)");
         } else {
-            DEV_LOG(2, "load_feature_root", "Device::load_feature_root exit (false, error)");
+            DEVIO_LOG("Device", 2, "load_feature_root",
+                      "Device::load_feature_root exit (false, error)");
         }
         return false;
     }
     feature_root_state = kRootLoaded;
     store_feature(0, root);
-    DEV_LOG(2, "load_feature_root", "Device::load_feature_root success, now need a ping");
+    DEVIO_LOG("Device", 2, "load_feature_root",
+              "Device::load_feature_root success, now need a ping");
     need_ping = true;
     if (!load_fwinfo(had_cache)) {
-        DEV_LOG(2, "load_feature_root", "load_feature_root failing (load_fwinfo failed)");
+        DEVIO_LOG("Device", 2, "load_feature_root",
+                  "load_feature_root failing (load_fwinfo failed)");
         return false;
     }
-    DEV_LOG(2, "load_feature_root", "Device::load_feature_root exit (true, success)");
+    DEVIO_LOG("Device", 2, "load_feature_root", "Device::load_feature_root exit (true, success)");
     return true;
 }
 
 std::shared_ptr<IFeature> Device::load_feature(unsigned id, bool cached) {
-    DEV_LOG(3, "load_feature", "Device::load_feature(0x%04x)", id);
+    DEVIO_LOG("Device", 3, "load_feature", "Device::load_feature(0x%04x)", id);
     if (!load_feature_root(false)) return nullptr;
     auto root = stored_feature(0);
     if (id == 0) return root;
@@ -138,7 +143,7 @@ std::shared_ptr<IFeature> Device::load_feature(unsigned id, bool cached) {
 }
 
 std::shared_ptr<IFeature> Device::feature_by_id(unsigned id) {
-    DEV_LOG(3, "feature_by_id", "Device::feature_by_id(0x%04x)", id);
+    DEVIO_LOG("Device", 3, "feature_by_id", "Device::feature_by_id(0x%04x)", id);
     {
         std::lock_guard<std::mutex> lock(features_mutex);
         for (const auto& entry : feature_table) {
@@ -153,45 +158,49 @@ std::shared_ptr<IFeature> Device::feature_by_id(unsigned id) {
 }
 
 bool Device::load_features() {
-    DEV_LOG(2, "load_features", "Device::load_features()");
+    DEVIO_LOG("Device", 2, "load_features", "Device::load_features()");
     if (!load_feature_root(false)) {
-        DEV_LOG(2, "load_features", "Device::load_features fail (load_feature_root fail)");
+        DEVIO_LOG("Device", 2, "load_features",
+                  "Device::load_features fail (load_feature_root fail)");
         return false;
     }
     if (all_features_loaded) {
-        DEV_LOG(3, "load_features", "Device::load_features success (all_features_loaded)");
+        DEVIO_LOG("Device", 3, "load_features",
+                  "Device::load_features success (all_features_loaded)");
         return true;
     }
     auto set_object = feature_by_id(kFeatureSetId);
     auto* feature_set = dynamic_cast<IFeature0001FeatureSet*>(set_object.get());
     if (feature_set == nullptr) {
-        DEV_LOG(2, "load_features", "Device::load_features fail (no IFeature0001FeatureSet)");
+        DEVIO_LOG("Device", 2, "load_features",
+                  "Device::load_features fail (no IFeature0001FeatureSet)");
         return false;
     }
     unsigned count = 0;
     if (!feature_set->GetCount(&count)) {
-        DEV_LOG(2, "load_features", "Device::load_features fail (no featureSet->GetCount)");
+        DEVIO_LOG("Device", 2, "load_features",
+                  "Device::load_features fail (no featureSet->GetCount)");
         return false;
     }
     for (unsigned index = kFirstListedIndex; index <= count; ++index) {
         unsigned id = 0, version = 0;
         bool engineering = false, hidden = false, obsolete = false;
         if (!feature_set->GetFeatureID(index, &id, &engineering, &hidden, &obsolete, &version)) {
-            DEV_LOG(2, "load_features",
-                    "Device::load_features fail (no featureSet->GetFeatureID %d)",
-                    static_cast<int>(index));
+            DEVIO_LOG("Device", 2, "load_features",
+                      "Device::load_features fail (no featureSet->GetFeatureID %d)",
+                      static_cast<int>(index));
             return false;
         }
         put_feature(index, id, obsolete, hidden, engineering, version);
     }
     all_features_loaded = true;
-    DEV_LOG(2, "load_features", "Device::load_features success (%d features)",
-            static_cast<int>(count));
+    DEVIO_LOG("Device", 2, "load_features", "Device::load_features success (%d features)",
+              static_cast<int>(count));
     return true;
 }
 
 std::vector<std::shared_ptr<IFeature>> Device::features() {
-    DEV_LOG(2, "features", "Device::features");
+    DEVIO_LOG("Device", 2, "features", "Device::features");
     if (!load_features()) return {};
     std::vector<std::shared_ptr<IFeature>> out;
     {
@@ -205,7 +214,7 @@ std::vector<std::shared_ptr<IFeature>> Device::features() {
 }
 
 void Device::forget() {
-    DEV_LOG(2, "forget", "Device::forget() enter");
+    DEVIO_LOG("Device", 2, "forget", "Device::forget() enter");
     {
         std::lock_guard<std::mutex> lock(features_mutex);
         for (auto it = feature_table.begin(); it != feature_table.end();) {
@@ -218,7 +227,7 @@ void Device::forget() {
         std::lock_guard<std::mutex> lock(cache_mutex);
         response_cache.clear();
     }
-    DEV_LOG(2, "forget", "Device::forget() exit");
+    DEVIO_LOG("Device", 2, "forget", "Device::forget() exit");
 }
 
 }  // namespace devio

@@ -7,9 +7,9 @@
 
 #include <cstdio>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Features/IFeature.h"
 #include "Features/IFeature0003FirmwareInfo.h"
 
@@ -43,29 +43,29 @@ bool Device::load_fwinfo(bool had_cache) {
     if (had_cache) need_fw_check = true;
     if (!connected()) return true;
     if (!do_fwcheck()) {
-        DEV_LOG(2, "load_fwinfo", "load_fwinfo failing (do_fwcheck failed)");
+        DEVIO_LOG("Device", 2, "load_fwinfo", "load_fwinfo failing (do_fwcheck failed)");
         return false;
     }
     return true;
 }
 
 std::string Device::read_fwinfo(bool cached) {
-    DEV_LOG(3, "read_fwinfo", "read_fwinfo enter, cached=%d", cached ? 1 : 0);
+    DEVIO_LOG("Device", 3, "read_fwinfo", "read_fwinfo enter, cached=%d", cached ? 1 : 0);
     auto feature = feature_by_id(kFirmwareInfoId);
     if (!feature) {
         if (error_record().err == NotPresent) {
-            DEV_LOG(3, "read_fwinfo", "read_fwinfo returning NotPresent");
+            DEVIO_LOG("Device", 3, "read_fwinfo", "read_fwinfo returning NotPresent");
             return kNotPresent;
         }
-        DEV_LOG(2, "read_fwinfo", "read_fwinfo returning error=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 2, "read_fwinfo", "read_fwinfo returning error=%d",
+                  static_cast<int>(error_record().err));
         return {};
     }
     auto* info = dynamic_cast<IFeature0003FirmwareInfo*>(feature.get());
     if (info == nullptr) {
         set_error(InternalError, "read_fwinfo cannot cast firmware info feature");
-        DEV_LOG(2, "read_fwinfo", "read_fwinfo returning error=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 2, "read_fwinfo", "read_fwinfo returning error=%d",
+                  static_cast<int>(error_record().err));
         return {};
     }
 
@@ -99,42 +99,43 @@ std::string Device::read_fwinfo(bool cached) {
             char unit[16];
             std::snprintf(unit, sizeof unit, "%X", static_cast<unsigned>(unit_id));
             const std::string result = text() + unit;
-            DEV_LOG(3, "read_fwinfo", "read_fwinfo returning %s", result.c_str());
+            DEVIO_LOG("Device", 3, "read_fwinfo", "read_fwinfo returning %s", result.c_str());
             return result;
         }
     }
     if (!ask(0)) {
-        DEV_LOG(2, "read_fwinfo", "read_fwinfo returning error=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 2, "read_fwinfo", "read_fwinfo returning error=%d",
+                  static_cast<int>(error_record().err));
         return {};
     }
     const std::string result = text();
-    DEV_LOG(3, "read_fwinfo", "read_fwinfo returning %s", result.c_str());
+    DEVIO_LOG("Device", 3, "read_fwinfo", "read_fwinfo returning %s", result.c_str());
     return result;
 }
 
 bool Device::do_fwcheck() {
-    DEV_LOG(3, "do_fwcheck", "do_fwcheck entry");
+    DEVIO_LOG("Device", 3, "do_fwcheck", "do_fwcheck entry");
     const std::string known = firmware_text();
     if (known.empty()) {
-        DEV_LOG(3, "do_fwcheck",
-                "do_fwcheck exit, true, skipping check due to initial fwinfo not read yet");
+        DEVIO_LOG("Device", 3, "do_fwcheck",
+                  "do_fwcheck exit, true, skipping check due to initial fwinfo not read yet");
         return true;
     }
     // The check's own commands may fail softly and ask for the check again.
     if (in_fw_check.exchange(true)) {
-        DEV_LOG(3, "do_fwcheck",
-                "do_fwcheck exit, true, skipping check due to being recursively called");
+        DEVIO_LOG("Device", 3, "do_fwcheck",
+                  "do_fwcheck exit, true, skipping check due to being recursively called");
         return true;
     }
     std::string now = read_fwinfo(false);
     if (now.empty()) {
-        DEV_LOG(2, "do_fwcheck", "do_fwcheck error reading fw info, err=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 2, "do_fwcheck", "do_fwcheck error reading fw info, err=%d",
+                  static_cast<int>(error_record().err));
         // The feature object may have gone with `forget`.
         if (!load_feature(kFirmwareInfoId, false)) {
-            DEV_LOG(2, "do_fwcheck", "do_fwcheck exit, false, error loading 0x0003 feature, err=%d",
-                    static_cast<int>(error_record().err));
+            DEVIO_LOG("Device", 2, "do_fwcheck",
+                      "do_fwcheck exit, false, error loading 0x0003 feature, err=%d",
+                      static_cast<int>(error_record().err));
             in_fw_check = false;
             return false;
         }
@@ -142,13 +143,15 @@ bool Device::do_fwcheck() {
     }
     in_fw_check = false;
     if (now.empty()) {
-        DEV_LOG(2, "do_fwcheck", "do_fwcheck exit, false, error reading fw info, err=%d",
-                static_cast<int>(error_record().err));
+        DEVIO_LOG("Device", 2, "do_fwcheck",
+                  "do_fwcheck exit, false, error reading fw info, err=%d",
+                  static_cast<int>(error_record().err));
         return false;
     }
     need_fw_check = false;
     if (now == known) {
-        DEV_LOG(3, "do_fwcheck", "do_fwcheck exit, true, fw version matched (%s)", now.c_str());
+        DEVIO_LOG("Device", 3, "do_fwcheck", "do_fwcheck exit, true, fw version matched (%s)",
+                  now.c_str());
         return true;
     }
     forget();
@@ -162,8 +165,8 @@ bool Device::do_fwcheck() {
                                         event_names::DeviceConnect.onFirmwareChanged);
     // `fwinfo` is empty by now, so the old text always logs empty.
     const std::string old = firmware_text();
-    DEV_LOG(1, "do_fwcheck", "do_fwcheck exit, false, FwVersionChanged (old=%s new=%s)",
-            old.c_str(), now.c_str());
+    DEVIO_LOG("Device", 1, "do_fwcheck", "do_fwcheck exit, false, FwVersionChanged (old=%s new=%s)",
+              old.c_str(), now.c_str());
     set_error(FwVersionChanged);
     return false;
 }

@@ -4,8 +4,8 @@
 
 #include <chrono>
 
+#include "Base/ClassLog.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 #include "Device/VxpReport.h"
 #include "Features/Feature.h"
 
@@ -48,15 +48,15 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
         last_report_time = steady_now_ns();
     }
     if (report.size() < vxp::kShortReportSize) {
-        DEV_LOG(1, "onReadHandler", "Not processing short read report of %d bytes",
-                static_cast<int>(report.size()));
+        DEVIO_LOG("Device", 1, "onReadHandler", "Not processing short read report of %d bytes",
+                  static_cast<int>(report.size()));
         return ReportIgnored;
     }
     // A receiver's device sees its own index on the wire; above it, every
     // device is "the device itself".
     if (rewrite_index) report[1] = vxp::kOwnIndex;
     if (vxp::is_vxp10_notification(report[2])) {
-        DEV_LOG(3, "onReadHandler", "Report is a Vxp 1.0 notification");
+        DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp 1.0 notification");
         return ReportNotification;
     }
     if (report[1] != 0 && report[1] != vxp::kOwnIndex) return ReportIgnored;
@@ -64,8 +64,8 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
     const bool feature_based_now = feature_based();
     if (feature_based_now && deliver_notification(report)) return ReportNotification;
     if (!feature_based_now && report[2] >= 1 && report[2] <= 0x7F) {
-        DEV_LOG(
-            3, "onReadHandler",
+        DEVIO_LOG(
+            "Device", 3, "onReadHandler",
             "Report is a Vxp 1.0 notification or a Vxp 2.0 response/event for an unknown feature");
         return ReportIgnored;
     }
@@ -73,10 +73,10 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
     {
         std::unique_lock<std::mutex> lock(command_mutex);
         if (read_completed) {
-            DEV_LOG(3, "onReadHandler", "No command in progress");
+            DEVIO_LOG("Device", 3, "onReadHandler", "No command in progress");
         } else if (pending_command.empty()) {
-            DEV_LOG(3, "onReadHandler", "Command in progress, size is %d",
-                    static_cast<int>(pending_command.size()));
+            DEVIO_LOG("Device", 3, "onReadHandler", "Command in progress, size is %d",
+                      static_cast<int>(pending_command.size()));
         } else if (complete_pending(report)) {
             lock.unlock();
             command_cv.notify_all();
@@ -90,7 +90,7 @@ bool Device::deliver_notification(const std::vector<Byte>& report) {
     if (vxp::swid_of(report[3]) != 0) return false;
     auto feature = feature_at(report[2]);
     if (!feature) return false;
-    DEV_LOG(3, "onReadHandler", "Report is a VXP 2.0 notification");
+    DEVIO_LOG("Device", 3, "onReadHandler", "Report is a VXP 2.0 notification");
     if (active) {
         if (auto entry = feature->sharedFeature()) {
             entry->deliverFeatureReport(static_cast<int>(vxp::function_of(report[3])),
@@ -102,30 +102,31 @@ bool Device::deliver_notification(const std::vector<Byte>& report) {
 
 bool Device::complete_pending(const std::vector<Byte>& report) {
     if (vxp::is_error_response(report, pending_command)) {
-        DEV_LOG(3, "onReadHandler", "Report is a Vxp error response");
+        DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp error response");
         finish_exchange_locked(report);
         return true;
     }
     if (!vxp::header_matches(report, pending_command)) {
-        DEV_LOG(3, "onReadHandler",
-                "Response with mismatched header does not complete our pending command. Continuing "
-                "decoding... (!)");
+        DEVIO_LOG(
+            "Device", 3, "onReadHandler",
+            "Response with mismatched header does not complete our pending command. Continuing "
+            "decoding... (!)");
     } else if (vxp::payload_matches(report, pending_command, match_indices)) {
-        DEV_LOG(3, "onReadHandler", "Report is a Vxp command response");
+        DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp command response");
         hwdev->response_seen(hwdev->response_token());
         finish_exchange_locked(report);
         return true;
     } else {
-        DEV_LOG(3, "onReadHandler",
-                "Response with mismatched payload does not complete our pending command. "
-                "Continuing decoding...");
+        DEVIO_LOG("Device", 3, "onReadHandler",
+                  "Response with mismatched payload does not complete our pending command. "
+                  "Continuing decoding...");
     }
     // A device that answers one command late sends the answer to the
     // previous command now; the engine then flushes each answer out.
     if (brb_enabled && !brb_active && vxp::header_matches(report, prev_command) &&
         vxp::payload_matches(report, prev_command, prev_match_indices)) {
-        DEV_LOG(2, "onReadHandler",
-                "Response matches previous command. Activating brb workaround.");
+        DEVIO_LOG("Device", 2, "onReadHandler",
+                  "Response matches previous command. Activating brb workaround.");
         brb_active = true;
         initiated_brb_workaround = true;
         finish_exchange_locked(report);
@@ -141,23 +142,26 @@ void Device::finish_exchange_locked(const std::vector<Byte>& report) {
 
 IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& report) {
     if (!feature_based()) {
-        DEV_LOG(3, "onReadHandler", "Report is an unexpected VXP 1.0 command response, ignoring");
+        DEVIO_LOG("Device", 3, "onReadHandler",
+                  "Report is an unexpected VXP 1.0 command response, ignoring");
         return ReportOtherSoftware;
     }
     const unsigned function = vxp::function_of(report[3]);
     const unsigned sw = vxp::swid_of(report[3]);
     // Another program asking which protocol the device speaks.
     if (report[2] == 0 && function == 1 && report[6] == 0) {
-        DEV_LOG(3, "onReadHandler",
-                "Report is a protocol check response from other SW using swid 0x%x, ignoring", sw);
+        DEVIO_LOG("Device", 3, "onReadHandler",
+                  "Report is a protocol check response from other SW using swid 0x%x, ignoring",
+                  sw);
         return ReportOtherSoftware;
     }
-    DEV_LOG(3, "onReadHandler", "Report is a feature response from other SW using swid 0x%x", sw);
+    DEVIO_LOG("Device", 3, "onReadHandler",
+              "Report is a feature response from other SW using swid 0x%x", sw);
     if (sw == swid()) {
-        DEV_LOG(2, "onReadHandler",
-                "Report is an unexpected command response with our swid 0x%x, so we will switch "
-                "our swid",
-                sw);
+        DEVIO_LOG("Device", 2, "onReadHandler",
+                  "Report is an unexpected command response with our swid 0x%x, so we will switch "
+                  "our swid",
+                  sw);
         switch_swid = true;
         need_ping = true;
     }
@@ -169,13 +173,13 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
                 entry->deliverUnexpectedResponse(function, sw, params_of(report));
         }
     } else if (sw != 0) {
-        DEV_LOG(3, "onReadHandler",
-                "Report is a response to an unknown feature index %02x from other SW using swid "
-                "0x%x, ignoring",
-                report[2], sw);
+        DEVIO_LOG("Device", 3, "onReadHandler",
+                  "Report is a response to an unknown feature index %02x from other SW using swid "
+                  "0x%x, ignoring",
+                  report[2], sw);
     } else {
-        DEV_LOG(3, "onReadHandler",
-                "Report is a notif from an unknown feature at index %02x, ignoring", report[2]);
+        DEVIO_LOG("Device", 3, "onReadHandler",
+                  "Report is a notif from an unknown feature at index %02x, ignoring", report[2]);
     }
     return ReportOtherSoftware;
 }

@@ -1,8 +1,8 @@
 // Device: the software id that marks our commands, and the move to another
 // one when some other program on the machine turns out to use ours.
 
+#include "Base/ClassLog.h"
 #include "Device/Device.h"
-#include "Device/DeviceLog.h"
 
 namespace devio {
 
@@ -36,7 +36,7 @@ unsigned Device::apply_swid_switch() {
         }
         swid_ = best_id;
         switch_swid = false;
-        DEV_LOG(2, "apply_swid_switch", "switching to swid 0x%x", best_id);
+        DEVIO_LOG("Device", 2, "apply_swid_switch", "switching to swid 0x%x", best_id);
     }
     return swid();
 }

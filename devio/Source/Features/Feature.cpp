@@ -2,10 +2,10 @@
 
 #include "Features/Feature.h"
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Device/VxpReport.h"
-#include "Features/FeatureLog.h"
 
 namespace devio {
 

@@ -3,8 +3,8 @@
 
 #include "Features/Feature0000Root.h"
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
-#include "Features/FeatureLog.h"
 #include "Features/FeatureRegistry.h"
 
 namespace devio {
@@ -48,10 +48,10 @@ bool Feature0000Root::GetFeature(unsigned featureId, unsigned* featureIndex, boo
     if (isHidden != nullptr) *isHidden = hid;
     if (isEngineering != nullptr) *isEngineering = eng;
     if (featureVersion != nullptr) *featureVersion = ver;
-    FEATURE_LOG("Feature0000Root", 2, "GetFeature",
-                "Feature0000Root::GetFeature(featureId = 0x%08x, *featureIndex = %d, *obsolete = "
-                "%d, *hidden = %d, *engineering = %d, *version = %d)",
-                featureId & 0xFFFF, idx, obs, hid, eng, ver);
+    DEVIO_LOG("Feature0000Root", 2, "GetFeature",
+              "Feature0000Root::GetFeature(featureId = 0x%08x, *featureIndex = %d, *obsolete = "
+              "%d, *hidden = %d, *engineering = %d, *version = %d)",
+              featureId & 0xFFFF, idx, obs, hid, eng, ver);
     return true;
 }
 
@@ -69,10 +69,10 @@ bool Feature0000Root::GetProtocolVersion(Byte pingSent, unsigned* protocolOut,
     if (protocolOut != nullptr) *protocolOut = answer[0];
     if (targetswOut != nullptr) *targetswOut = answer[1];
     if (pingReceived != nullptr) *pingReceived = answer[2];
-    FEATURE_LOG("Feature0000Root", 2, "GetProtocolVersion",
-                "Feature0000Root::GetProtocolVersion(ping_sent = %d, *protocol = %d, *targetsw = "
-                "%d, *ping_received = %d",
-                pingSent, answer[0], answer[1], answer[2]);
+    DEVIO_LOG("Feature0000Root", 2, "GetProtocolVersion",
+              "Feature0000Root::GetProtocolVersion(ping_sent = %d, *protocol = %d, *targetsw = "
+              "%d, *ping_received = %d",
+              pingSent, answer[0], answer[1], answer[2]);
     return true;
 }
 
@@ -87,8 +87,8 @@ bool Feature0000Root::TargetSw(unsigned* protocolOut, unsigned* targetswOut) {
     }
     if (protocolOut != nullptr) *protocolOut = protocol;
     if (targetswOut != nullptr) *targetswOut = targetSw;
-    FEATURE_LOG("Feature0000Root", 2, "TargetSw",
-                "Feature0000Root::TargetSw(*protocol = %d, *targetsw = %d", protocol, targetSw);
+    DEVIO_LOG("Feature0000Root", 2, "TargetSw",
+              "Feature0000Root::TargetSw(*protocol = %d, *targetsw = %d", protocol, targetSw);
     return true;
 }
 
@@ -107,7 +107,7 @@ bool Feature0000Root::Ping(Byte data) {
         set_error(PingEchoMismatch);
         return false;
     }
-    FEATURE_LOG("Feature0000Root", 2, "Ping", "Feature0000Root::Ping(%d)", data);
+    DEVIO_LOG("Feature0000Root", 2, "Ping", "Feature0000Root::Ping(%d)", data);
     return true;
 }
 

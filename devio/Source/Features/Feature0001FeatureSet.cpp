@@ -1,7 +1,7 @@
 #include "Features/Feature0001FeatureSet.h"
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
-#include "Features/FeatureLog.h"
 #include "Features/FeatureRegistry.h"
 
 namespace devio {
@@ -33,8 +33,8 @@ bool Feature0001FeatureSet::GetCount(unsigned* count) {
         return false;
     }
     if (count != nullptr) *count = answer[0];
-    FEATURE_LOG("Feature0001FeatureSet", 2, "GetCount",
-                "Feature0001FeatureSet::GetCount(* count = %d)", answer[0]);
+    DEVIO_LOG("Feature0001FeatureSet", 2, "GetCount",
+              "Feature0001FeatureSet::GetCount(* count = %d)", answer[0]);
     return true;
 }
 
@@ -56,10 +56,10 @@ bool Feature0001FeatureSet::GetFeatureID(unsigned featureIndex, unsigned* featur
     if (swHidden != nullptr) *swHidden = hid;
     if (isObsolete != nullptr) *isObsolete = obs;
     if (featureVersion != nullptr) *featureVersion = ver;
-    FEATURE_LOG("Feature0001FeatureSet", 2, "GetFeatureID",
-                "Feature0001FeatureSet::GetFeatureID(featureIndex = %d, *featureID = 0x%08x, "
-                "*engineeringHidden = %d, *swHidden = %d, *obsolete = %d, *version = %d)",
-                featureIndex, fid, eng, hid, obs, ver);
+    DEVIO_LOG("Feature0001FeatureSet", 2, "GetFeatureID",
+              "Feature0001FeatureSet::GetFeatureID(featureIndex = %d, *featureID = 0x%08x, "
+              "*engineeringHidden = %d, *swHidden = %d, *obsolete = %d, *version = %d)",
+              featureIndex, fid, eng, hid, obs, ver);
     return true;
 }
 

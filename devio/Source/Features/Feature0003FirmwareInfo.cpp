@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Device/VxpReport.h"
-#include "Features/FeatureLog.h"
 #include "Features/FeatureRegistry.h"
 
 namespace devio {
@@ -103,11 +103,11 @@ bool Feature0003FirmwareInfo::GetEntityCount(std::uint32_t* count, std::uint32_t
     if (pid2 != nullptr) *pid2 = p2;
     if (pid3 != nullptr) *pid3 = p3;
     if (extendedModelId != nullptr) *extendedModelId = ext;
-    FEATURE_LOG("Feature0003FirmwareInfo", 2, "GetEntityCount",
-                "Feature0003FirmwareInfo::GetEntityCount(*count = %d, *unitId = 0x%08x, "
-                "*transport = 0x%04x, pid1 = 0x%04x, pid2 = 0x%04x, pid3 = 0x%04x, "
-                "extendedModelId = %d)",
-                n, unit, tr, p1, p2, p3, ext);
+    DEVIO_LOG("Feature0003FirmwareInfo", 2, "GetEntityCount",
+              "Feature0003FirmwareInfo::GetEntityCount(*count = %d, *unitId = 0x%08x, "
+              "*transport = 0x%04x, pid1 = 0x%04x, pid2 = 0x%04x, pid3 = 0x%04x, "
+              "extendedModelId = %d)",
+              n, unit, tr, p1, p2, p3, ext);
     return true;
 }
 
@@ -137,10 +137,10 @@ bool Feature0003FirmwareInfo::GetFwInfo(unsigned entity, std::uint32_t* fwType, 
     if (rdnf != nullptr) *rdnf = flags;
     if (extraData != nullptr)
         extraData->assign(a.begin() + kExtraDataOffset, a.begin() + kFwInfoSize);
-    FEATURE_LOG("Feature0003FirmwareInfo", 2, "GetFwInfo",
-                "Feature0003FirmwareInfo::GetFwInfo(entity = %d, *fwType = %d, *prefix = %s, "
-                "*bcdVersion = 0x%04x, *bcdBuild = 0x%04x, *rdnf = %d, *extra_data)",
-                entity, type, text.c_str(), ver, bld, flags);
+    DEVIO_LOG("Feature0003FirmwareInfo", 2, "GetFwInfo",
+              "Feature0003FirmwareInfo::GetFwInfo(entity = %d, *fwType = %d, *prefix = %s, "
+              "*bcdVersion = 0x%04x, *bcdBuild = 0x%04x, *rdnf = %d, *extra_data)",
+              entity, type, text.c_str(), ver, bld, flags);
     return true;
 }
 
@@ -163,10 +163,10 @@ bool Feature0003FirmwareInfo::GetFwInfo(unsigned entity, std::uint32_t* fwType, 
         if (build != nullptr) *build = bldText;
         if (rdnf != nullptr) *rdnf = flags;
     }
-    FEATURE_LOG("Feature0003FirmwareInfo", 2, "GetFwInfo",
-                "Feature0003FirmwareInfo::GetFwInfo(entity = %d, *fwType = %d, *prefix = %s, "
-                "*version = %s, *build = %s, *rdnf = %d, *extra_data)",
-                entity, type, text.c_str(), verText.c_str(), bldText.c_str(), flags);
+    DEVIO_LOG("Feature0003FirmwareInfo", 2, "GetFwInfo",
+              "Feature0003FirmwareInfo::GetFwInfo(entity = %d, *fwType = %d, *prefix = %s, "
+              "*version = %s, *build = %s, *rdnf = %d, *extra_data)",
+              entity, type, text.c_str(), verText.c_str(), bldText.c_str(), flags);
     return ok;
 }
 
@@ -271,8 +271,8 @@ bool Feature0003FirmwareInfo::GetModelId(std::uint32_t* model) {
         }
         *model = static_cast<std::uint32_t>(dev->pid());
     }
-    FEATURE_LOG("Feature0003FirmwareInfo", 2, "GetModelId",
-                "Feature0003FirmwareInfo::GetModelId(*model = %x)", *model);
+    DEVIO_LOG("Feature0003FirmwareInfo", 2, "GetModelId",
+              "Feature0003FirmwareInfo::GetModelId(*model = %x)", *model);
     return true;
 }
 
@@ -281,8 +281,8 @@ bool Feature0003FirmwareInfo::GetExtendedModelId(std::uint32_t* extendedModelId,
     if (!GetEntityCount(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &ext, cached))
         return false;
     if (extendedModelId != nullptr) *extendedModelId = ext;
-    FEATURE_LOG("Feature0003FirmwareInfo", 2, "GetExtendedModelId",
-                "Feature0003FirmwareInfo::GetExtendedModelId(*extendedModelId = %x)", ext);
+    DEVIO_LOG("Feature0003FirmwareInfo", 2, "GetExtendedModelId",
+              "Feature0003FirmwareInfo::GetExtendedModelId(*extendedModelId = %x)", ext);
     return true;
 }
 

@@ -1,12 +1,9 @@
 #include "Windows/Win32Bus.h"
 
+#include "Base/ClassLog.h"
 #include "Base/DevioException.h"
 #include "Base/ErrorRecord.h"
 #include "Windows/Win32Device.h"
-#include "xlog.h"
-
-#define W32B_LOG(level, function, ...) \
-    ::devio::xLog("Win32Bus", level, "devio::Win32Bus::" function, __VA_ARGS__)
 
 namespace devio {
 
@@ -15,7 +12,7 @@ std::shared_ptr<Win32Bus> Win32Bus::create() {
 }
 
 Win32Bus::~Win32Bus() {
-    W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus enter");
+    DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus enter");
     // Handles still tracked belong to devices that outlived their use; the
     // bus owns them and lets them go with itself.
     std::lock_guard<std::mutex> lock(tracked_mutex_);
@@ -23,7 +20,7 @@ Win32Bus::~Win32Bus() {
         if (handle != kInvalidHandle && system_) system_->close_handle(handle);
     }
     tracked_.clear();
-    W32B_LOG(3, "~Win32Bus", "Win32Bus::~Win32Bus exit");
+    DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus exit");
 }
 
 std::shared_ptr<IWin32System> Win32Bus::makeWin32System() {
@@ -33,9 +30,9 @@ std::shared_ptr<IWin32System> Win32Bus::makeWin32System() {
 void Win32Bus::lazyStart(std::shared_ptr<IWin32System>* system_out) {
     std::lock_guard<std::mutex> lock(start_mutex_);
     if (started_) {
-        W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart already started");
+        DEVIO_LOG("Win32Bus", 3, "lazyStart", "Win32Bus::lazyStart already started");
     } else {
-        W32B_LOG(3, "lazyStart", "Win32Bus::lazyStart performing startup");
+        DEVIO_LOG("Win32Bus", 3, "lazyStart", "Win32Bus::lazyStart performing startup");
         system_ = makeWin32System();
         hid_class_ = system_->hid_interface_class();
         started_ = true;
@@ -48,46 +45,47 @@ bool Win32Bus::on_subscribe(IHardwareBus::PlugUnplug* /*subscriber*/) {
         lazyStart();
     } catch (const DevioException& e) {
         e.record();
-        W32B_LOG(1, "on_subscribe", "Win32Bus::on_subscribe exception");
+        DEVIO_LOG("Win32Bus", 1, "on_subscribe", "Win32Bus::on_subscribe exception");
         return false;
     }
     return true;
 }
 
 std::vector<std::shared_ptr<IHardwareDevice>> Win32Bus::devices() {
-    W32B_LOG(2, "devices", "Win32Bus::devices enter");
+    DEVIO_LOG("Win32Bus", 2, "devices", "Win32Bus::devices enter");
     std::vector<std::shared_ptr<IHardwareDevice>> list;
     try {
         lazyStart();
         EnumerateInterfaces(hid_class_, list);
     } catch (const DevioException& e) {
         e.record();
-        W32B_LOG(1, "devices", "Win32Bus::devices exception");
+        DEVIO_LOG("Win32Bus", 1, "devices", "Win32Bus::devices exception");
         return {};
     }
     if (list.empty()) set_error(Success);
-    W32B_LOG(2, "devices", "Win32Bus::devices exit, returning %d devices",
-             static_cast<int>(list.size()));
+    DEVIO_LOG("Win32Bus", 2, "devices", "Win32Bus::devices exit, returning %d devices",
+              static_cast<int>(list.size()));
     return list;
 }
 
 // Opens every interface of the class for a moment: open is the filter.
 void Win32Bus::EnumerateInterfaces(const std::string& interface_class,
                                    std::vector<std::shared_ptr<IHardwareDevice>>& out) {
-    W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces enter");
+    DEVIO_LOG("Win32Bus", 3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces enter");
     for (const HidInterface& found : system_->enumerate_interfaces(interface_class)) {
         auto device =
             std::make_shared<Win32Device>(shared_from_this(), system_, found.path, found.devnode);
         if (!device->open()) {
-            W32B_LOG(3, "EnumerateInterfaces",
-                     "Win32Bus::EnumerateInterfaces ignoring device it could not open");
+            DEVIO_LOG("Win32Bus", 3, "EnumerateInterfaces",
+                      "Win32Bus::EnumerateInterfaces ignoring device it could not open");
             continue;
         }
         device->close();
         out.push_back(device);
-        W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces adding device to list");
+        DEVIO_LOG("Win32Bus", 3, "EnumerateInterfaces",
+                  "Win32Bus::EnumerateInterfaces adding device to list");
     }
-    W32B_LOG(3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces exit");
+    DEVIO_LOG("Win32Bus", 3, "EnumerateInterfaces", "Win32Bus::EnumerateInterfaces exit");
 }
 
 void Win32Bus::read_failed_with_disconnect_error(const std::string& path) {
@@ -98,8 +96,8 @@ void Win32Bus::read_failed_with_disconnect_error(const std::string& path) {
         return;
     }
     auto device = std::make_shared<Win32Device>(self, system_, path, 0);
-    W32B_LOG(2, "read_failed_with_disconnect_error",
-             "Win32Bus::read_failed_with_disconnect_error producing onUnPlug event");
+    DEVIO_LOG("Win32Bus", 2, "read_failed_with_disconnect_error",
+              "Win32Bus::read_failed_with_disconnect_error producing onUnPlug event");
     std::shared_ptr<IHardwareDevice> gone = device;
     produce([gone](IHardwareBus::PlugUnplug* s) { s->onUnplug(gone); },
             event_names::Win32BusPlugUnplug.onUnplug);
@@ -108,13 +106,13 @@ void Win32Bus::read_failed_with_disconnect_error(const std::string& path) {
 bool Win32Bus::verify_device_exists(const std::string& path) {
     for (const auto& device : devices()) {
         if (device->path() == path) {
-            W32B_LOG(2, "verify_device_exists",
-                     "Win32Bus::verify_device_exists - device is present: %s", path.c_str());
+            DEVIO_LOG("Win32Bus", 2, "verify_device_exists",
+                      "Win32Bus::verify_device_exists - device is present: %s", path.c_str());
             return true;
         }
     }
-    W32B_LOG(1, "verify_device_exists", "Win32Bus::verify_device_exists - device was lost: %s",
-             path.c_str());
+    DEVIO_LOG("Win32Bus", 1, "verify_device_exists",
+              "Win32Bus::verify_device_exists - device was lost: %s", path.c_str());
     read_failed_with_disconnect_error(path);
     return false;
 }

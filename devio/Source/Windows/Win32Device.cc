@@ -1,8 +1,8 @@
 #include "Windows/Win32Device.h"
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
-#include "Windows/Win32DeviceLog.h"
 
 namespace devio {
 
@@ -15,7 +15,7 @@ constexpr std::uint16_t kMaskPage = 0xFF43;
 Win32Device::Win32Device(const std::shared_ptr<Win32Bus>& bus, std::shared_ptr<IWin32System> system,
                          std::string path, std::uint32_t devnode)
     : bus_(bus), system_(std::move(system)), path_(std::move(path)), devnode_(devnode) {
-    W32D_LOG(3, "Win32Device", "Win32Device constructor");
+    DEVIO_LOG("Win32Device", 3, "Win32Device", "Win32Device constructor");
 }
 
 // A read thread that wakes now stops at its next test of `destructed_`.
@@ -54,13 +54,14 @@ bool Win32Device::on_read_thread() const {
 }
 
 void Win32Device::close() {
-    W32D_LOG(3, "close", "Win32Device::close enter, dev=%s", path_.c_str());
+    DEVIO_LOG("Win32Device", 3, "close", "Win32Device::close enter, dev=%s", path_.c_str());
     if (read_thread_) {
         if (stop_event_ != kInvalidHandle) system_->set_event(stop_event_);
         if (on_read_thread()) {
-            W32D_LOG(0, "close",
-                     "close is being called from the read thread, so detaching read thread instead "
-                     "of joining it");
+            DEVIO_LOG(
+                "Win32Device", 0, "close",
+                "close is being called from the read thread, so detaching read thread instead "
+                "of joining it");
             // The thread finds a new generation when it returns from its event and
             // touches none of the handles closed below.
             ++*generation_;
@@ -79,27 +80,28 @@ void Win32Device::close() {
         notification_ = 0;
     } else if (handle_ != kInvalidHandle) {
         system_->close_handle(handle_);
-        W32D_LOG(3, "close", "Win32Device::close closed handle %p",
-                 reinterpret_cast<void*>(handle_));
+        DEVIO_LOG("Win32Device", 3, "close", "Win32Device::close closed handle %p",
+                  reinterpret_cast<void*>(handle_));
         handle_ = kInvalidHandle;
     }
     if (stop_event_ != kInvalidHandle) {
         system_->close_handle(stop_event_);
-        W32D_LOG(3, "close", "closed handle %p (eventListRead)",
-                 reinterpret_cast<void*>(stop_event_));
+        DEVIO_LOG("Win32Device", 3, "close", "closed handle %p (eventListRead)",
+                  reinterpret_cast<void*>(stop_event_));
         stop_event_ = kInvalidHandle;
     }
     open_ = false;
-    W32D_LOG(3, "close", "Win32Device::close exit");
+    DEVIO_LOG("Win32Device", 3, "close", "Win32Device::close exit");
 }
 
 void Win32Device::start_read_thread() {
     if (thread_wanted_) {
-        W32D_LOG(3, "start_read_thread",
-                 "Win32Device::on_subscribe device already has read thread");
+        DEVIO_LOG("Win32Device", 3, "start_read_thread",
+                  "Win32Device::on_subscribe device already has read thread");
         return;
     }
-    W32D_LOG(3, "start_read_thread", "Win32Device::on_subscribe starting read thread");
+    DEVIO_LOG("Win32Device", 3, "start_read_thread",
+              "Win32Device::on_subscribe starting read thread");
     system_->reset_event(stop_event_);
     thread_wanted_ = true;
     {
@@ -107,7 +109,8 @@ void Win32Device::start_read_thread() {
         thread_started_ = false;
     }
     read_thread_ = std::make_unique<std::thread>([this] { read_thread(); });
-    W32D_LOG(3, "start_read_thread", "Win32Device::on_subscribe waiting for read thread to start");
+    DEVIO_LOG("Win32Device", 3, "start_read_thread",
+              "Win32Device::on_subscribe waiting for read thread to start");
     std::unique_lock<std::mutex> lock(mutex_);
     started_cv_.wait(lock, [this] { return thread_started_; });
 }
@@ -115,14 +118,14 @@ void Win32Device::start_read_thread() {
 bool Win32Device::verify_connection_following_timeout() {
     if (auto bus = bus_.lock()) {
         if (!bus->verify_device_exists(path_)) {
-            W32D_LOG(
-                1, "verify_connection_following_timeout",
+            DEVIO_LOG(
+                "Win32Device", 1, "verify_connection_following_timeout",
                 "Win32Device::verify_connection_following_timeout returning false (is a zombie)");
             return false;
         }
     } else {
-        W32D_LOG(3, "verify_connection_following_timeout",
-                 "Win32Device::verify_connection_following_timeout could not lock bus");
+        DEVIO_LOG("Win32Device", 3, "verify_connection_following_timeout",
+                  "Win32Device::verify_connection_following_timeout could not lock bus");
     }
     return true;
 }

@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32Device.h"
-#include "Windows/Win32DeviceLog.h"
 
 namespace devio {
 
@@ -24,7 +24,7 @@ void logReport(std::uint16_t pid, const char* direction, const std::vector<Byte>
         used += std::snprintf(line + used, sizeof line - static_cast<std::size_t>(used), "%02x ",
                               report[i]);
     }
-    W32D_LOG(2, "log_report", "%s", line);
+    DEVIO_LOG("Win32Device", 2, "log_report", "%s", line);
 }
 }  // namespace
 
@@ -37,7 +37,7 @@ void Win32Device::produce_read(std::vector<Byte> report, unsigned sys_error, uns
 }
 
 void Win32Device::read_thread() {
-    W32D_LOG(3, "read_thread", "Win32Device::read_thread start");
+    DEVIO_LOG("Win32Device", 3, "read_thread", "Win32Device::read_thread start");
     const unsigned generation = generation_->load();
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -47,7 +47,8 @@ void Win32Device::read_thread() {
     started_cv_.notify_all();
     if (destructed_) {
         thread_ended_ = true;
-        W32D_LOG(3, "read_thread", "Win32Device::read_thread end (already destructed)");
+        DEVIO_LOG("Win32Device", 3, "read_thread",
+                  "Win32Device::read_thread end (already destructed)");
         return;
     }
     read_loop(generation);
@@ -64,13 +65,13 @@ void Win32Device::read_loop(unsigned generation) {
         std::uint32_t sys = 0;
         const ReadOutcome r = system_->read_report(handle, stop, buffer, sys);
         if (r == ReadOutcome::Stopped) {
-            W32D_LOG(3, "read_thread", "Win32Device::read_thread got stop event");
+            DEVIO_LOG("Win32Device", 3, "read_thread", "Win32Device::read_thread got stop event");
             thread_wanted_ = false;
             break;
         }
         if (destructed_) {
-            W32D_LOG(
-                3, "read_thread",
+            DEVIO_LOG(
+                "Win32Device", 3, "read_thread",
                 "Win32Device::read_thread stopping because destructed (before producing event)");
             thread_wanted_ = false;
             break;
@@ -80,7 +81,7 @@ void Win32Device::read_loop(unsigned generation) {
             break;
         }
         logReport(pid_, "R", buffer);
-        W32D_LOG(3, "read_thread", "Win32Device::read_thread producing event");
+        DEVIO_LOG("Win32Device", 3, "read_thread", "Win32Device::read_thread producing event");
         const bool ok = r == ReadOutcome::Report;
         produce_read(ok ? buffer : std::vector<Byte>{}, ok ? 0 : sys,
                      static_cast<unsigned>(buffer.size()));
@@ -88,15 +89,16 @@ void Win32Device::read_loop(unsigned generation) {
         // ours any more.
         if (current->load() != generation) return;
         if (destructed_) {
-            W32D_LOG(
-                3, "read_thread",
+            DEVIO_LOG(
+                "Win32Device", 3, "read_thread",
                 "Win32Device::read_thread stopping because destructed (after producing event)");
             thread_wanted_ = false;
             break;
         }
     }
     if (disconnected) {
-        W32D_LOG(1, "read_thread", "Win32Device::read_thread ERROR_DEVICE_NOT_CONNECTED");
+        DEVIO_LOG("Win32Device", 1, "read_thread",
+                  "Win32Device::read_thread ERROR_DEVICE_NOT_CONNECTED");
         if (auto bus = bus_.lock()) {
             bus->read_failed_with_disconnect_error(path_);
             removed_ = true;
@@ -105,11 +107,11 @@ void Win32Device::read_loop(unsigned generation) {
         if (current->load() != generation) return;
     }
     thread_ended_ = true;
-    W32D_LOG(3, "read_thread", "Win32Device::read_thread end");
+    DEVIO_LOG("Win32Device", 3, "read_thread", "Win32Device::read_thread end");
 }
 
 bool Win32Device::write_fail(const char* text) {
-    W32D_LOG(2, "write", "%s", text);
+    DEVIO_LOG("Win32Device", 2, "write", "%s", text);
     const ErrorRecord& e = error_record();
     const ErrorCode err = e.err;
     const unsigned sys = e.sys;
@@ -120,7 +122,7 @@ bool Win32Device::write_fail(const char* text) {
 }
 
 bool Win32Device::write(std::vector<Byte> report, bool blocking) {
-    W32D_LOG(3, "write", "Win32Device::write enter");
+    DEVIO_LOG("Win32Device", 3, "write", "Win32Device::write enter");
     if (!open()) return write_fail("Win32Device::write exit (false, open failed)");
     if (handle_ == kInvalidHandle) {
         set_error(InvalidDeviceHandle);
@@ -152,7 +154,7 @@ bool Win32Device::write(std::vector<Byte> report, bool blocking) {
         }
         if (!thread_wanted_) {
             set_error(CannotPerformWriteWithoutReadThreadRunning);
-            W32D_LOG(2, "write", "Win32Device::write dev=%s", path_.c_str());
+            DEVIO_LOG("Win32Device", 2, "write", "Win32Device::write dev=%s", path_.c_str());
             return write_fail(
                 "Win32Device::write exit (false, CannotPerformWriteWithoutReadThreadRunning)");
         }
@@ -165,7 +167,8 @@ bool Win32Device::write(std::vector<Byte> report, bool blocking) {
         case WriteOutcome::Done:
             break;
         case WriteOutcome::TimedOut:
-            W32D_LOG(1, "write", "Win32Device::write timeout, waitresult=0x%08x", 0x102u);
+            DEVIO_LOG("Win32Device", 1, "write", "Win32Device::write timeout, waitresult=0x%08x",
+                      0x102u);
             err = WriteTimeout;
             sys = 0;
             break;
@@ -174,19 +177,20 @@ bool Win32Device::write(std::vector<Byte> report, bool blocking) {
             break;
     }
     if (err == WriteError)
-        W32D_LOG(1, "write", "Win32Device::write WriteError, errcode_sys=%d",
-                 static_cast<int>(sys));
-    if (err == WriteTimeout) W32D_LOG(1, "write", "Win32Device::write WriteTimeout");
+        DEVIO_LOG("Win32Device", 1, "write", "Win32Device::write WriteError, errcode_sys=%d",
+                  static_cast<int>(sys));
+    if (err == WriteTimeout)
+        DEVIO_LOG("Win32Device", 1, "write", "Win32Device::write WriteTimeout");
     if (err == WriteError && sys == 31) err = WriteGeneralFailure;
     if (err != Success) {
         set_error(err, nullptr, sys);
     } else {
-        W32D_LOG(3, "write", "Win32Device::write successful");
+        DEVIO_LOG("Win32Device", 3, "write", "Win32Device::write successful");
     }
     Producer<IHardwareDevice::Write>::produce(
         [report, err, sys](IHardwareDevice::Write* s) { s->onWrite(report, err, sys); },
         event_names::Win32DeviceWrite.onWrite);
-    W32D_LOG(3, "write", "Win32Device::write exit, ret=%d", err == Success);
+    DEVIO_LOG("Win32Device", 3, "write", "Win32Device::write exit, ret=%d", err == Success);
     return err == Success;
 }
 

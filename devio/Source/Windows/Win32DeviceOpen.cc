@@ -3,10 +3,10 @@
 
 #include <cstdlib>
 
+#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Windows/Win32Bus.h"
 #include "Windows/Win32Device.h"
-#include "Windows/Win32DeviceLog.h"
 
 namespace devio {
 
@@ -25,7 +25,7 @@ void idsFromPath(const std::string& path, std::uint16_t& vid, std::uint16_t& pid
     if (i == std::string::npos || i + 25 >= path.size()) return;
     const std::string v = path.substr(i + 12, 4);
     const std::string p = path.substr(i + 21, 4);
-    W32D_LOG(3, "open", "vid is %s and pid is %s", v.c_str(), p.c_str());
+    DEVIO_LOG("Win32Device", 3, "open", "vid is %s and pid is %s", v.c_str(), p.c_str());
     vid = static_cast<std::uint16_t>(std::strtoul(v.c_str(), nullptr, 16));
     pid = static_cast<std::uint16_t>(std::strtoul(p.c_str(), nullptr, 16));
 }
@@ -55,42 +55,44 @@ std::string lowBytesOf(const std::string& utf8) {
 bool Win32Device::fail_open(ErrorCode err, std::uint32_t sys, const char* text) {
     close();
     set_error(err, nullptr, sys);
-    W32D_LOG(2, "open", "%s", text);
+    DEVIO_LOG("Win32Device", 2, "open", "%s", text);
     return false;
 }
 
 bool Win32Device::open() {
     if (removed_) {
         set_error(DeviceRemoved);
-        W32D_LOG(2, "open", "Win32Device::open exit (false, DeviceRemoved)");
+        DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (false, DeviceRemoved)");
         return false;
     }
     if (destructed_) {
-        W32D_LOG(2, "open", "Win32Device::open enter/exit (false, already destructed)");
+        DEVIO_LOG("Win32Device", 2, "open",
+                  "Win32Device::open enter/exit (false, already destructed)");
         return false;
     }
     if (open_) {
-        W32D_LOG(3, "open", "Win32Device::open verifying handle that is already open");
+        DEVIO_LOG("Win32Device", 3, "open",
+                  "Win32Device::open verifying handle that is already open");
         auto bus = bus_.lock();
         if (notification_ != 0 && bus &&
             bus->verifyDeviceNotificationHandleOpen(notification_, handle_)) {
-            W32D_LOG(2, "open", "Win32Device::open exit (true, already open)");
+            DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (true, already open)");
             return true;
         }
         close();
-        W32D_LOG(2, "open", "Win32Device::open handle not valid, reopening");
+        DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open handle not valid, reopening");
     }
     if (path_.empty()) {
         set_error(NoDevicePath);
-        W32D_LOG(2, "open", "Win32Device::open exit (false, no filepath)");
+        DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (false, no filepath)");
         return false;
     }
-    W32D_LOG(2, "open", "Opening device '%s'", path_.c_str());
+    DEVIO_LOG("Win32Device", 2, "open", "Opening device '%s'", path_.c_str());
     std::uint32_t sys = 0;
     handle_ = system_->open_interface(path_, sys);
     if (handle_ == kInvalidHandle) {
         set_error(CreateFileFailed, "CreateFile failed", sys);
-        W32D_LOG(2, "open", "Win32Device::open exit (false, CreateFile failed)");
+        DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (false, CreateFile failed)");
         return false;
     }
     open_ = true;
@@ -104,24 +106,26 @@ bool Win32Device::open() {
 
     auto bus = bus_.lock();
     if (!bus) {
-        W32D_LOG(1, "open", "Win32Device::open could not lock bus to register handle");
+        DEVIO_LOG("Win32Device", 1, "open",
+                  "Win32Device::open could not lock bus to register handle");
         close();
         set_error(ShuttingDown);
-        W32D_LOG(2, "open", "Win32Device::open exit (false, not a vxp collection usage code)");
+        DEVIO_LOG("Win32Device", 2, "open",
+                  "Win32Device::open exit (false, not a vxp collection usage code)");
         return false;
     }
     notification_ = bus->registerDeviceNotificationAndTakeOwnershipOfHandle(handle_);
     if (notification_ == 0) {
         const ErrorRecord saved = error_record();
         close();
-        W32D_LOG(2, "open",
-                 "Win32Device::open exit (false, could not register device notification)");
+        DEVIO_LOG("Win32Device", 2, "open",
+                  "Win32Device::open exit (false, could not register device notification)");
         error_record() = saved;
         return false;
     }
     if (reading_) start_read_thread();
-    W32D_LOG(2, "open", "Win32Device::open opened dev=%s", path_.c_str());
-    W32D_LOG(2, "open", "Win32Device::open exit (true)");
+    DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open opened dev=%s", path_.c_str());
+    DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (true)");
     return true;
 }
 
@@ -137,7 +141,8 @@ bool Win32Device::passes_filters() {
     vid_ = attrs.vendor_id;
     pid_ = attrs.product_id;
     version_ = attrs.version;
-    W32D_LOG(2, "open", "Win32Device::open vid=0x%04x pid=0x%04x ver=0x%04x", vid_, pid_, version_);
+    DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open vid=0x%04x pid=0x%04x ver=0x%04x", vid_,
+              pid_, version_);
     if (vid_ == 0 && pid_ == 0) idsFromPath(path_, vid_, pid_);
     if (vid_ != kVendorId) {
         return fail_open(NotVendorDevice, pid_,
@@ -166,21 +171,23 @@ bool Win32Device::read_caps(const hid::CollectionCaps& caps) {
     output_report_length_ = caps.output.report_length;
     usage_ = caps.usage;
     usage_page_ = caps.usage_page;
-    W32D_LOG(3, "open",
-             "Win32Device::open inReportLength=%d outReportLength=%d usagePage=0x%04x usage=0x%04x",
-             caps.input.report_length, caps.output.report_length, usage_page_, usage_);
-    W32D_LOG(3, "open",
-             "Win32Device::open NumberInputDataIndices=%d NumberInputValueCaps=%d "
-             "NumberInputButtonCaps=%d",
-             caps.input.data_indices, static_cast<int>(caps.input.value_caps.size()),
-             static_cast<int>(caps.input.button_caps.size()));
-    W32D_LOG(3, "open",
-             "Win32Device::open NumberOutputDataIndices=%d NumberOutputValueCaps=%d "
-             "NumberOutputButtonCaps=%d",
-             caps.output.data_indices, static_cast<int>(caps.output.value_caps.size()),
-             static_cast<int>(caps.output.button_caps.size()));
-    W32D_LOG(3, "open", "Win32Device::open NumberLinkCollectionNodes=%d featureLength=%d",
-             caps.link_collection_nodes, caps.feature.report_length);
+    DEVIO_LOG(
+        "Win32Device", 3, "open",
+        "Win32Device::open inReportLength=%d outReportLength=%d usagePage=0x%04x usage=0x%04x",
+        caps.input.report_length, caps.output.report_length, usage_page_, usage_);
+    DEVIO_LOG("Win32Device", 3, "open",
+              "Win32Device::open NumberInputDataIndices=%d NumberInputValueCaps=%d "
+              "NumberInputButtonCaps=%d",
+              caps.input.data_indices, static_cast<int>(caps.input.value_caps.size()),
+              static_cast<int>(caps.input.button_caps.size()));
+    DEVIO_LOG("Win32Device", 3, "open",
+              "Win32Device::open NumberOutputDataIndices=%d NumberOutputValueCaps=%d "
+              "NumberOutputButtonCaps=%d",
+              caps.output.data_indices, static_cast<int>(caps.output.value_caps.size()),
+              static_cast<int>(caps.output.button_caps.size()));
+    DEVIO_LOG("Win32Device", 3, "open",
+              "Win32Device::open NumberLinkCollectionNodes=%d featureLength=%d",
+              caps.link_collection_nodes, caps.feature.report_length);
 
     static constexpr const char kNotVxp[] =
         "Win32Device::open exit (false, not a vxp collection usage code)";
@@ -191,7 +198,8 @@ bool Win32Device::read_caps(const hid::CollectionCaps& caps) {
         const unsigned high = usage_ >> 8;
         unsigned bit = 0;
         while (bit < 8 && low != (1u << bit)) ++bit;
-        W32D_LOG(3, "open", "Win32Device::open thisusage=%d expected=%d bit=%d", low, high, bit);
+        DEVIO_LOG("Win32Device", 3, "open", "Win32Device::open thisusage=%d expected=%d bit=%d",
+                  low, high, bit);
         if (bit == 8 || (high & usage_) == 0) return fail_open(NotVxpCollection, 0, kNotVxp);
     } else {
         return fail_open(NotVendorUsagePage, 0,
@@ -211,16 +219,17 @@ bool Win32Device::read_caps(const hid::CollectionCaps& caps) {
 
     int index = 0;
     for (const hid::Cap& cap : caps.output.value_caps) {
-        W32D_LOG(3, "open",
-                 "Win32Device::open valcap%d reportid=%d bitsize=%d count=%d isrange=%d usage=%d",
-                 index++, cap.report_id, cap.bit_size, cap.report_count, cap.is_range,
-                 cap.usage_min);
+        DEVIO_LOG("Win32Device", 3, "open",
+                  "Win32Device::open valcap%d reportid=%d bitsize=%d count=%d isrange=%d usage=%d",
+                  index++, cap.report_id, cap.bit_size, cap.report_count, cap.is_range,
+                  cap.usage_min);
         report_sizes_[cap.report_id] = output_report_length_;
     }
     index = 0;
     for (const hid::Cap& cap : caps.output.button_caps) {
-        W32D_LOG(3, "open", "Win32Device::open butcap%d reportid=%d isrange=%d usage=%d", index++,
-                 cap.report_id, cap.is_range, cap.usage_min);
+        DEVIO_LOG("Win32Device", 3, "open",
+                  "Win32Device::open butcap%d reportid=%d isrange=%d usage=%d", index++,
+                  cap.report_id, cap.is_range, cap.usage_min);
         report_sizes_[cap.report_id] = output_report_length_;
     }
     return true;
@@ -233,13 +242,14 @@ void Win32Device::read_product_string() {
     std::uint32_t sys = 0;
     const int r = system_->get_product_string(handle_, name, sys);
     if (r < 0) {
-        W32D_LOG(1, "open", "Win32Device::open HidD_GetProductString failed, err=%d",
-                 static_cast<int>(sys));
+        DEVIO_LOG("Win32Device", 1, "open",
+                  "Win32Device::open HidD_GetProductString failed, err=%d", static_cast<int>(sys));
         return;
     }
     if (r == 0) return;
     product_name_ = lowBytesOf(name);
-    W32D_LOG(3, "open", "HidD_GetProductString returned str %s", product_name_.c_str());
+    DEVIO_LOG("Win32Device", 3, "open", "HidD_GetProductString returned str %s",
+              product_name_.c_str());
 }
 
 // Pieces of one device share the parent of their interfaces; any failure
