@@ -4,7 +4,9 @@
 #include "Features/Feature0000Root.h"
 
 #include "Base/ClassLog.h"
+#include "Base/Coding.h"
 #include "Base/ErrorRecord.h"
+#include "Features/FeatureFlags.h"
 #include "Features/FeatureRegistry.h"
 
 namespace devio {
@@ -32,16 +34,14 @@ Feature0000Root::Feature0000Root(Byte featureIndex, const std::shared_ptr<IDevic
 bool Feature0000Root::GetFeature(unsigned featureId, unsigned* featureIndex, bool* isObsolete,
                                  bool* isHidden, bool* isEngineering, unsigned* featureVersion,
                                  bool cached) {
-    const std::vector<Byte> params{static_cast<Byte>(featureId >> 8),
-                                   static_cast<Byte>(featureId & 0xFF)};
+    std::vector<Byte> params;
+    coding::put_be16(params, featureId);
     std::vector<Byte> answer;
     if (!sendSynchronousFeatureCommand(kGetFeature, params, answer, cached ? 1 : 0)) return false;
     // A short answer reads as "not present" rather than failing.
     answer.resize(kFeatureRecordSize);
     const unsigned idx = answer[0];
-    const bool obs = (answer[1] & 0x80) != 0;
-    const bool hid = (answer[1] & 0x40) != 0;
-    const bool eng = (answer[1] & 0x20) != 0;
+    const auto [obs, hid, eng] = decode_feature_flags(answer[1]);
     const unsigned ver = answer[2];
     if (featureIndex != nullptr) *featureIndex = idx;
     if (isObsolete != nullptr) *isObsolete = obs;

@@ -1,7 +1,9 @@
 #include "Features/Feature0001FeatureSet.h"
 
 #include "Base/ClassLog.h"
+#include "Base/Coding.h"
 #include "Base/ErrorRecord.h"
+#include "Features/FeatureFlags.h"
 #include "Features/FeatureRegistry.h"
 
 namespace devio {
@@ -46,10 +48,8 @@ bool Feature0001FeatureSet::GetFeatureID(unsigned featureIndex, unsigned* featur
         return false;
     // A short answer reads as id 0 with no flags rather than failing.
     answer.resize(kFeatureRecordSize);
-    const unsigned fid = static_cast<unsigned>(answer[0] << 8 | answer[1]);
-    const bool obs = (answer[2] & 0x80) != 0;
-    const bool hid = (answer[2] & 0x40) != 0;
-    const bool eng = (answer[2] & 0x20) != 0;
+    const unsigned fid = coding::be16(answer, 0);
+    const auto [obs, hid, eng] = decode_feature_flags(answer[2]);
     const unsigned ver = answer[3];
     if (featureID != nullptr) *featureID = fid;
     if (engineeringHidden != nullptr) *engineeringHidden = eng;

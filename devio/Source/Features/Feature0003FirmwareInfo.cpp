@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Base/ClassLog.h"
+#include "Base/Coding.h"
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Device/VxpReport.h"
@@ -26,12 +27,8 @@ constexpr unsigned kApplicationKind = 0;
 constexpr unsigned kBootloaderKind = 1;
 constexpr std::uint32_t kMainFwType = 0;
 
-std::uint16_t be16(const std::vector<Byte>& b, std::size_t at) {
-    return static_cast<std::uint16_t>(vxp::byte_at(b, at) << 8 | vxp::byte_at(b, at + 1));
-}
-std::uint32_t be32(const std::vector<Byte>& b, std::size_t at) {
-    return static_cast<std::uint32_t>(be16(b, at)) << 16 | be16(b, at + 2);
-}
+using coding::be16;
+using coding::be32;
 
 bool isApplicationPrefix(const std::string& p) {
     return p == "MPO" || p == "MPK" || p == "MPM";
