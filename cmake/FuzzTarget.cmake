@@ -7,11 +7,22 @@
 # in the source tree.
 #
 #   add_fuzz_run(NAME target TEST test_name MAX_LEN n
-#                SOURCES files... [DEPENDS headers...] [DICT file])
+#                SOURCES files... [LIBRARY target] [DEPENDS headers...] [DICT file])
+#
+# LIBRARY names a library target of the project whose sources (and the
+# headers beside them) are compiled into the fuzz target too.
 find_program(CLANGXX NAMES clang++ clang++-16 clang++-15 clang++-14 REQUIRED)
 
 function(add_fuzz_run)
-  cmake_parse_arguments(FUZZ "" "NAME;TEST;MAX_LEN;DICT" "SOURCES;DEPENDS" ${ARGN})
+  cmake_parse_arguments(FUZZ "" "NAME;TEST;MAX_LEN;DICT;LIBRARY" "SOURCES;DEPENDS" ${ARGN})
+  if(FUZZ_LIBRARY)
+    get_target_property(lib_sources ${FUZZ_LIBRARY} SOURCES)
+    get_target_property(lib_dir ${FUZZ_LIBRARY} SOURCE_DIR)
+    list(TRANSFORM lib_sources PREPEND ${lib_dir}/)
+    file(GLOB lib_headers ${lib_dir}/*.h)
+    list(PREPEND FUZZ_SOURCES ${lib_sources})
+    list(APPEND FUZZ_DEPENDS ${lib_headers})
+  endif()
   set(bin ${CMAKE_CURRENT_BINARY_DIR}/${FUZZ_NAME})
   add_custom_command(
     OUTPUT ${bin}
