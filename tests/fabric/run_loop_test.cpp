@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <thread>
@@ -198,6 +201,57 @@ TEST(RunLoopDeathTest, ExitWhileThreadsStillProduceAndPump) {
             std::exit(0);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+// A direct handler may unsubscribe another subscriber of its producer while
+// that one's run-loop handler runs and is about to produce on the same
+// producer: waiting for it would hold both threads forever.
+TEST(RunLoop, DirectHandlerUnsubscribesARunningLoopHandlerThatProducesOnTheSameBus) {
+    auto bus = std::make_shared<FabricBus>();
+    std::promise<void> loop_running, loop_may_produce;
+    auto may_produce = loop_may_produce.get_future().share();
+    std::atomic<int> loop_calls{0};
+
+    class LoopHandler : public Subscriber<IHardwareBus::PlugUnplug> {
+    public:
+        std::function<void(bool)> on_power;
+        void onPowerChange(bool standBy) override { on_power(standBy); }
+    } loop;
+    loop.on_power = [&](bool standBy) {
+        if (loop_calls++ != 0 || standBy) return;
+        loop_running.set_value();
+        may_produce.wait();
+        bus->power(1);  // blocks while the direct handler's delivery runs
+    };
+    class DirectHandler : public Subscriber<IHardwareBus::PlugUnplug> {
+    public:
+        std::function<void(bool)> on_power;
+        void onPowerChange(bool standBy) override { on_power(standBy); }
+    } direct;
+    std::atomic<int> direct_calls{0};
+    direct.on_power = [&](bool standBy) {
+        if (!standBy || direct_calls++ != 0) return;
+        loop_may_produce.set_value();
+        // Let the loop handler reach the producer's lock first.
+        std::this_thread::sleep_for(milliseconds(100));
+        loop.unsubscribe(bus);
+    };
+
+    RunLoopHost host;
+    ASSERT_TRUE(host.start());
+    ASSERT_TRUE(loop.subscribe(bus, DeliveryRunLoop));
+    ASSERT_TRUE(direct.subscribe(bus, DeliveryDirect));
+    bus->power(0);
+    ASSERT_EQ(loop_running.get_future().wait_for(std::chrono::seconds(5)),
+              std::future_status::ready);
+    auto producer = std::async(std::launch::async, [&] { bus->power(1); });
+    if (producer.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        ADD_FAILURE() << "the producing thread and the pumping thread wait for each other";
+        std::_Exit(1);  // both threads hold locks that unwinding would need
+    }
+    ASSERT_TRUE(host.wait_idle(milliseconds(5000)));
+    EXPECT_EQ(loop_calls.load(), 1) << "nothing reaches an unsubscribed run-loop handler";
+    host.stop();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "Base/RunLoopQueue.h"
 
@@ -64,12 +65,19 @@ public:
     // reaches the subscriber, except one that the calling thread itself is
     // running. To get there it waits for a run-loop delivery to the
     // subscriber that a pumping thread is running, so the caller must not
-    // hold a lock (this producer's mutex included) that such a handler takes.
+    // hold a lock that such a handler takes. A caller inside a delivery of
+    // this producer (a direct handler unsubscribing another subscriber) does
+    // not wait: the running handler may be about to produce here, which the
+    // caller's delivery blocks; such a handler may still be finishing.
     virtual void unsubscribe(T* subscriber) {
         if (erase(direct_subscribers, subscriber)) on_subscription_removed(subscriber);
         if (erase(runloop_subscribers, subscriber)) {
             on_subscription_removed(subscriber);
-            runloop_queue().remove_runloop_events(subscriber, &runloop_subscribers);
+            if (delivering_here()) {
+                runloop_queue().discard_runloop_events(subscriber, &runloop_subscribers);
+            } else {
+                runloop_queue().remove_runloop_events(subscriber, &runloop_subscribers);
+            }
         }
     }
 
@@ -79,6 +87,7 @@ public:
     // event's name in the log of queued events.
     virtual void produce(const Call& call, const std::string& name) {
         std::lock_guard<std::recursive_mutex> lock(mutex);
+        const DeliveryMark mark(*this);
         walk(direct_subscribers, [&](T* subscriber) { call(subscriber); });
         walk(runloop_subscribers, [&](T* subscriber) {
             runloop_queue().enqueue_event_for_runloop([call, subscriber] { call(subscriber); },
@@ -108,6 +117,23 @@ private:
         return nullptr;
     }
 
+    // Marks the thread that delivers, for as long as it does; deliveries on
+    // one thread may nest.
+    struct DeliveryMark {
+        explicit DeliveryMark(Producer& p) : producer(p) {
+            if (producer.delivery_depth++ == 0) producer.delivering = std::this_thread::get_id();
+        }
+        ~DeliveryMark() {
+            if (--producer.delivery_depth == 0) producer.delivering = std::thread::id();
+        }
+        Producer& producer;
+    };
+
+    bool delivering_here() {
+        std::lock_guard<std::recursive_mutex> lock(mutex);
+        return delivery_depth > 0 && delivering == std::this_thread::get_id();
+    }
+
     bool erase(std::set<T*>& set, T* subscriber) {
         std::lock_guard<std::recursive_mutex> lock(mutex);
         return set.erase(subscriber) != 0;
@@ -129,6 +155,8 @@ private:
     std::set<T*> direct_subscribers;
     std::set<T*> runloop_subscribers;
     std::recursive_mutex mutex;
+    int delivery_depth = 0;      // guarded by mutex
+    std::thread::id delivering;  // guarded by mutex
 };
 
 }  // namespace devio

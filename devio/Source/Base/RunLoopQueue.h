@@ -24,7 +24,13 @@ public:
                                            const void* set, std::string name) = 0;
     // Drops the queued deliveries of one subscriber for one producer's set;
     // with a null set, all of the subscriber's; with both null, all.
+    // After it returns, no delivery of those reaches the subscriber from
+    // another thread: it waits for one that a pumping thread is running.
     virtual void remove_runloop_events(void* subscriber, const void* set) = 0;
+    // The same without that wait, for a caller inside a delivery of the
+    // producer whose set it names: the running delivery may be waiting to
+    // produce on that very producer, so waiting for it would never end.
+    virtual void discard_runloop_events(void* subscriber, const void* set) = 0;
 
 protected:
     ~IRunLoopQueue() = default;

@@ -148,4 +148,10 @@ void CDevio::remove_runloop_events(void* subscriber, const void* set) {
     if (manager) manager->remove_runloop_events(subscriber, set);
 }
 
+void CDevio::discard_runloop_events(void* subscriber, const void* set) {
+    auto manager =
+        impl_for_fabric("devio::CDevio::discard_runloop_events", "discard_runloop_events", true);
+    if (manager) manager->discard_runloop_events(subscriber, set);
+}
+
 }  // namespace devio

@@ -49,6 +49,7 @@ public:
                                    std::string name) override;
     void call_event_from_runloop() override;
     void remove_runloop_events(void* subscriber, const void* set) override;
+    void discard_runloop_events(void* subscriber, const void* set) override;
 
 private:
     friend class CDevioExitGuard;

@@ -46,6 +46,7 @@ public:
                                    std::string name) override;
     void call_event_from_runloop() override;
     void remove_runloop_events(void* subscriber, const void* set) override;
+    void discard_runloop_events(void* subscriber, const void* set) override;
 
     // A RunLoopEvent subscriber with delivery 0 would ask for a pump through
     // the very queue it is meant to pump, without end; it is refused.
@@ -75,6 +76,7 @@ private:
     static bool matches(void* subscriber, const void* set, void* record_subscriber,
                         const void* record_set);
     void produce_run_loop_event();
+    void drop_runloop_events(void* subscriber, const void* set, bool wait);
     // Waits until no other thread runs a delivery that matches. Needs
     // `queue_mutex` held by `lock`.
     void wait_for_running(std::unique_lock<std::mutex>& lock, void* subscriber, const void* set);

@@ -124,6 +124,14 @@ void DeviceManager::wait_for_running(std::unique_lock<std::mutex>& lock, void* s
 }
 
 void DeviceManager::remove_runloop_events(void* subscriber, const void* set) {
+    drop_runloop_events(subscriber, set, true);
+}
+
+void DeviceManager::discard_runloop_events(void* subscriber, const void* set) {
+    drop_runloop_events(subscriber, set, false);
+}
+
+void DeviceManager::drop_runloop_events(void* subscriber, const void* set, bool wait) {
     xLog("DeviceManager", 2, "devio::DeviceManager::remove_runloop_events",
          "DeviceManager::remove_runloop_events");
     std::list<QueuedEvent> discarded;
@@ -150,7 +158,7 @@ void DeviceManager::remove_runloop_events(void* subscriber, const void* set) {
             }
             // A delivery to this subscriber may be running on a pumping
             // thread right now; the subscriber may go once it returns.
-            wait_for_running(lock, subscriber, set);
+            if (wait) wait_for_running(lock, subscriber, set);
         }
     }
     // Dropped closures die outside the lock, like run ones.
