@@ -80,6 +80,62 @@ std::shared_ptr<IDeviceManager> CDevio::manager() {
     return getimpl();
 }
 
+std::vector<std::shared_ptr<IDevice>> CDevio::devices() {
+    xLog("Devio", 2, "devio::CDevio::devices", "CDevio::devices");
+    auto manager = getimpl();
+    return manager ? manager->devices() : std::vector<std::shared_ptr<IDevice>>();
+}
+
+std::vector<std::shared_ptr<IDevice>> CDevio::devices_on_bus(
+    const std::shared_ptr<IHardwareBus>& bus) {
+    xLog("Devio", 2, "devio::CDevio::devices_on_bus", "CDevio::devices_on_bus");
+    auto manager = getimpl();
+    return manager ? manager->devices_on_bus(bus) : std::vector<std::shared_ptr<IDevice>>();
+}
+
+void CDevio::set_active(bool active) {
+    xLog("Devio", 2, "devio::CDevio::set_active", "CDevio::set_active");
+    if (auto manager = getimpl()) manager->set_active(active);
+}
+
+void CDevio::persistent_data_directory(const std::string& directory) {
+    xLog("Devio", 2, "devio::CDevio::persistent_data_directory",
+         "CDevio::persistent_data_directory");
+    if (auto manager = getimpl()) manager->persistent_data_directory(directory);
+}
+
+bool CDevio::config_set(unsigned item, bool value) {
+    xLog("Devio", 2, "devio::CDevio::config_set", "CDevio::config_set");
+    auto manager = getimpl();
+    return manager ? manager->config_set(item, value) : false;
+}
+
+bool CDevio::connectToHardwareBusses() {
+    xLog("Devio", 2, "devio::CDevio::connectToHardwareBusses", "CDevio::connectToHardwareBusses");
+    auto manager = getimpl();
+    return manager ? manager->connectToHardwareBusses() : false;
+}
+
+std::shared_ptr<IDevice> CDevio::makeDevice(const std::shared_ptr<IHardwareDevice>& hw,
+                                            unsigned kind, unsigned pid) {
+    xLog("Devio", 2, "devio::CDevio::makeDevice", "CDevio::makeDevice");
+    auto manager = getimpl();
+    return manager ? manager->makeDevice(hw, kind, pid) : nullptr;
+}
+
+bool CDevio::manual_subscribe(IDeviceManager::ArrivalRemoval* subscriber, int delivery) {
+    xLog("Devio", 2, "devio::CDevio::manual_subscribe", "CDevio::manual_subscribe");
+    auto manager = getimpl();
+    return manager
+               ? manager->Producer<IDeviceManager::ArrivalRemoval>::subscribe(subscriber, delivery)
+               : false;
+}
+
+void CDevio::manual_unsubscribe(IDeviceManager::ArrivalRemoval* subscriber) {
+    auto manager = impl_for_fabric("devio::CDevio::manual_unsubscribe", "manual_unsubscribe", true);
+    if (manager) manager->Producer<IDeviceManager::ArrivalRemoval>::unsubscribe(subscriber);
+}
+
 void CDevio::swid(unsigned value) {
     xLog("Devio", 2, "devio::CDevio::swid", "CDevio::swid");
     if (auto manager = getimpl()) manager->swid(value);

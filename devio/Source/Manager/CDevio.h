@@ -39,11 +39,24 @@ public:
     // to subscribe to the manager's events, such as RunLoopEvent.
     std::shared_ptr<IDeviceManager> manager();
 
+    std::vector<std::shared_ptr<IDevice>> devices() override;
+    std::vector<std::shared_ptr<IDevice>> devices_on_bus(
+        const std::shared_ptr<IHardwareBus>& bus) override;
     void swid(unsigned value) override;
     unsigned swid() override;
     bool is_active() override;
+    void set_active(bool active) override;
+    void persistent_data_directory(const std::string& directory) override;
     bool config_default(unsigned item, bool* out) override;
     bool config_get(unsigned item, bool* out) override;
+    bool config_set(unsigned item, bool value) override;
+    bool connectToHardwareBusses() override;
+    std::shared_ptr<IDevice> makeDevice(const std::shared_ptr<IHardwareDevice>& hw, unsigned kind,
+                                        unsigned pid) override;
+    // Arrivals and removals without a Subscriber object's bookkeeping: the
+    // host keeps the pointer valid until it unsubscribes.
+    bool manual_subscribe(IDeviceManager::ArrivalRemoval* subscriber, int delivery);
+    void manual_unsubscribe(IDeviceManager::ArrivalRemoval* subscriber);
     void report_unreported_error(const char* where) override;
     void enqueue_event_for_runloop(RunLoopClosure closure, void* subscriber, const void* set,
                                    std::string name) override;

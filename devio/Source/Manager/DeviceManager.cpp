@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "Base/ErrorRecord.h"
+#include "Device/Device.h"
 #include "xlog.h"
 
 namespace devio {
@@ -35,6 +36,19 @@ DeviceManager::~DeviceManager() {
              "DeviceManager destructor called recursively");
         return;
     }
+    // Devices are handed back while the buses still run, since that takes
+    // commands; then the stack goes, which unplugs whatever is left.
+    DeviceList devices_now;
+    BusSet tops;
+    {
+        std::lock_guard<std::mutex> lock(list_mutex);
+        devices_now = deviceList;
+        tops = top_busses;
+    }
+    // FIXME: hand each device back with its shutdown (it takes commands)
+    // once the connection logic gives devices one.
+    for (const auto& bus : tops) removeBus(bus);
+    if (addbus_retry_timer) addbus_retry_timer->stop();
     // From here on nothing is queued any more. Queued closures die with the
     // queue; the objects they hold may reach back into the library, but
     // `CDevio` no longer leads to this manager.
@@ -44,6 +58,56 @@ DeviceManager::~DeviceManager() {
 
 void DeviceManager::swid(unsigned value) {
     manager_swid = value & 15;
+}
+
+void DeviceManager::set_active(bool new_state) {
+    xLog("DeviceManager", 2, "devio::DeviceManager::set_active", "-api- %d", new_state);
+    std::call_once(active_subscription, [this] {
+        if (!Subscriber<IDeviceManager::ActiveChanged>::subscribe(shared_from_this(),
+                                                                  DeliveryRunLoop)) {
+            report_unreported_error(
+                "DeviceManager::set_active subscribe(IDeviceManager::ActiveChanged)");
+        }
+    });
+    // A repeated true is told again (each device compares with its own
+    // copy); a repeated false is not.
+    const bool before = active.exchange(new_state);
+    if (before == new_state && !new_state) return;
+    Producer<IDeviceManager::ActiveChanged>::produce(
+        [new_state](IDeviceManager::ActiveChanged* s) { s->onActiveChanged(new_state); },
+        event_names::DeviceManagerActiveChanged.onActiveChanged);
+}
+
+void DeviceManager::onActiveChanged(bool now_active) {
+    xLog("DeviceManager", 2, "devio::DeviceManager::onActiveChanged",
+         "DeviceManager::onActiveChanged(active = %d)", now_active);
+    if (!now_active) return;
+    BusSet all;
+    {
+        std::lock_guard<std::mutex> lock(list_mutex);
+        all = busses;
+    }
+    // Each bus announces again what it has.
+    for (const auto& bus : all) bus->devices();
+}
+
+void DeviceManager::persistent_data_directory(const std::string& directory) {
+    std::string dir = directory;
+    if (!dir.empty() && dir.back() != '/' && dir.back() != '\\') dir += '/';
+    xLog("DeviceManager", 2, "devio::DeviceManager::persistent_data_directory",
+         "-api- persistent_data_directory %s", dir.c_str());
+    DeviceList devices_now;
+    BusSet all;
+    {
+        std::lock_guard<std::mutex> lock(list_mutex);
+        persistent_dir = dir;
+        devices_now = deviceList;
+        all = busses;
+    }
+    for (const auto& [hw, device] : devices_now) {
+        if (auto d = as_device(device)) d->persistent_data_directory(dir);
+    }
+    for (const auto& bus : all) bus->persistent_data_directory(dir);
 }
 
 unsigned DeviceManager::swid() {
@@ -77,6 +141,41 @@ bool DeviceManager::config_get(unsigned item, bool* out) {
         return false;
     }
     if (out != nullptr) *out = config_items[item].load();
+    return true;
+}
+
+bool DeviceManager::config_set(unsigned item, bool value) {
+    xLog("DeviceManager", 2, "devio::DeviceManager::config_set", "-api- %d = %d",
+         static_cast<int>(item), value);
+    if (item >= config_items.size()) {
+        xLog("DeviceManager", 2, "devio::DeviceManager::config_set",
+             "DeviceManager::config_set exit, invalid config item %d = %d", static_cast<int>(item),
+             value);
+        set_error(InvalidConfigItem);
+        return false;
+    }
+    std::lock_guard<std::mutex> stack(stack_mutex);
+    if (config_items[item].exchange(value) != value && hw_started) {
+        // Buses and devices read the items when they are made, so a change
+        // after the start takes a new stack.
+        xLog("DeviceManager", 2, "devio::DeviceManager::config_set",
+             "DeviceManager::config_set removing busses");
+        BusSet tops;
+        {
+            std::lock_guard<std::mutex> lock(list_mutex);
+            tops = top_busses;
+        }
+        for (const auto& bus : tops) removeBus(bus);
+        {
+            std::lock_guard<std::mutex> lock(list_mutex);
+            top_busses.clear();
+        }
+        xLog("DeviceManager", 2, "devio::DeviceManager::config_set",
+             "DeviceManager::config_set creating busses");
+        connectToHardwareBusses();
+    }
+    xLog("DeviceManager", 2, "devio::DeviceManager::config_set",
+         "DeviceManager::config_set exit, %d = %d", static_cast<int>(item), value);
     return true;
 }
 
