@@ -19,6 +19,21 @@ inline constexpr bool sanitized = true;
 inline constexpr bool sanitized = false;
 #endif
 
+// Sets an environment variable while it lives, and so for every client
+// started meanwhile; then puts back what was there.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_;
+    std::string old_;
+    bool had_ = false;
+};
+
 // A fresh folder under $TMPDIR, removed with everything in it.
 class TempDir {
 public:
