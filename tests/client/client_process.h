@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,12 +49,22 @@ private:
     std::string path_;
 };
 
+// Another user for a client: the child takes these ids (the group as its
+// only group) and this umask between fork and exec. Needs root.
+struct RunAs {
+    uid_t uid;
+    gid_t gid;
+    mode_t umask;
+};
+
 // One running qvclient with a pipe on its standard input and its standard
 // output collected.
 class ClientProcess {
 public:
-    // Starts the binary with VANTSHRD_DIR=dataDir and the given arguments.
-    ClientProcess(const std::string& dataDir, const std::vector<std::string>& args);
+    // Starts the binary with VANTSHRD_DIR=dataDir and the given arguments,
+    // as this process's user unless `as` names another.
+    ClientProcess(const std::string& dataDir, const std::vector<std::string>& args,
+                  const std::optional<RunAs>& as = std::nullopt);
     ~ClientProcess();
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
@@ -81,7 +92,7 @@ struct RunResult {
 
 // Runs the client on `input` (closed after writing) and waits for it.
 RunResult runClient(const std::string& dataDir, const std::vector<std::string>& args,
-                    const std::string& input);
+                    const std::string& input, const std::optional<RunAs>& as = std::nullopt);
 
 bool exitedCleanly(int status);  // exit code 0
 bool aborted(int status);        // ended by a signal
