@@ -25,9 +25,9 @@ int setLock(int fd, short type) {
     return errno;
 }
 
-// How often a replaced or vanished file is reopened before giving up: only a
-// peer that renames or removes the file in a tight loop could make this run
-// out.
+// How often a replaced file is reopened, or a file that comes and goes is
+// retried, before giving up: only a peer that renames, creates or removes
+// the file in a tight loop could make this run out.
 constexpr int reopenLimit = 100;
 
 }  // namespace
@@ -35,13 +35,14 @@ constexpr int reopenLimit = 100;
 int openShared(const std::string& path, int flags) {
     flags |= O_NOFOLLOW | O_CLOEXEC;
     if ((flags & O_CREAT) == 0) return ::open(path.c_str(), flags);
-    // Create exclusively, so that we know whether the file is ours to set
-    // the mode of: one that exists belongs to whoever made it. O_EXCL also
-    // refuses a symbolic link, which the open without O_CREAT then reports
-    // as ELOOP.
     const int existing = flags & ~(O_CREAT | O_EXCL);
     for (int round = 0; round < reopenLimit; ++round) {
-        int fd = ::open(path.c_str(), existing | O_CREAT | O_EXCL, sharedFileMode);
+        // Usually the file is there, and is opened as it is: it belongs to
+        // whoever made it. A symbolic link fails here with ELOOP.
+        int fd = ::open(path.c_str(), existing);
+        if (fd >= 0 || errno != ENOENT) return fd;
+        // Created exclusively, the file is surely ours to set the mode of.
+        fd = ::open(path.c_str(), existing | O_CREAT | O_EXCL, sharedFileMode);
         if (fd >= 0) {
             // The umask has narrowed the mode given to open(); the other
             // users of the group need to write this file too. Should this
@@ -51,9 +52,7 @@ int openShared(const std::string& path, int flags) {
             return fd;
         }
         if (errno != EEXIST) return -1;
-        fd = ::open(path.c_str(), existing);
-        if (fd >= 0 || errno != ENOENT) return fd;
-        // Gone between the two opens (an upload renamed it away): create it.
+        // Another client made it (or planted a link) just now: open that.
     }
     return -1;
 }

@@ -4,10 +4,11 @@
 # the shared data folder, nothing else. As root, the entry is then applied to
 # a scratch root with the group of its own /etc/group, and the folder it makes
 # is checked; without root or systemd-tmpfiles that part is skipped (77).
-# Usage: install_test.sh BUILD_DIR GROUP
+# Usage: install_test.sh CMAKE BUILD_DIR GROUP
 set -euo pipefail
-build=$1
-group=$2
+cmake=$1
+build=$2
+group=$3
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 fail() {
@@ -15,7 +16,7 @@ fail() {
   exit 1
 }
 
-DESTDIR="$tmp/dest" cmake --install "$build" --prefix /usr >/dev/null
+DESTDIR="$tmp/dest" "$cmake" --install "$build" --prefix /usr >/dev/null
 files=$(cd "$tmp/dest" && find . ! -type d | sort)
 [ "$files" = $'./usr/bin/qvclient\n./usr/lib/tmpfiles.d/vantshrd.conf' ] ||
   fail "installed: $files"
