@@ -6,6 +6,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 namespace qv {
@@ -22,14 +25,41 @@ int setLock(int fd, short type) {
     return errno;
 }
 
-// How often a replaced file is reopened before giving up: only a peer that
-// renames the file in a tight loop could make this run out.
+// How often a replaced file is reopened, or a file that comes and goes is
+// retried, before giving up: only a peer that renames, creates or removes
+// the file in a tight loop could make this run out.
 constexpr int reopenLimit = 100;
 
 }  // namespace
 
 int openShared(const std::string& path, int flags) {
-    return ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0664);
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    if ((flags & O_CREAT) == 0) return ::open(path.c_str(), flags);
+    const int existing = flags & ~(O_CREAT | O_EXCL);
+    for (int round = 0; round < reopenLimit; ++round) {
+        // Usually the file is there, and is opened as it is: it belongs to
+        // whoever made it. A symbolic link fails here with ELOOP.
+        int fd = ::open(path.c_str(), existing);
+        if (fd >= 0 || errno != ENOENT) return fd;
+        // Created exclusively, the file is surely ours to set the mode of.
+        fd = ::open(path.c_str(), existing | O_CREAT | O_EXCL, sharedFileMode);
+        if (fd >= 0) {
+            // The umask has narrowed the mode given to open(); the other
+            // users of the group need to write this file too. Should this
+            // fail, the file still serves us, and the others find out at
+            // their own open.
+            [[maybe_unused]] int ignored = ::fchmod(fd, sharedFileMode);
+            return fd;
+        }
+        if (errno != EEXIST) return -1;
+        // Another client made it (or planted a link) just now: open that.
+    }
+    return -1;
+}
+
+void sharedFileFailure(const std::string& path, int err) {
+    std::fprintf(stderr, "qvclient: cannot open %s: %s\n", path.c_str(), std::strerror(err));
+    std::abort();
 }
 
 int lockRange(int fd) {

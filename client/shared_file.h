@@ -22,9 +22,20 @@ inline constexpr long lockedRangeLength = 0x7FFFFFFF;
 inline constexpr int lockAttemptsPerCall = 10;
 inline constexpr int lockAttemptMs = 1000;
 
-// open(2) of `path` with `flags` | O_NOFOLLOW | O_CLOEXEC (and mode 0664 when
-// creating). Returns the descriptor, or -1 with errno set.
+// Mode of a file that a client creates in the folder: every user of the
+// folder's group reads and writes it, whatever the creator's umask; other
+// users get nothing.
+inline constexpr unsigned sharedFileMode = 0660;
+
+// open(2) of `path` with `flags` | O_NOFOLLOW | O_CLOEXEC. With O_CREAT, a
+// file that this call creates gets sharedFileMode; a file that exists is
+// opened as it is, its mode untouched. Returns the descriptor, or -1 with
+// errno set.
 int openShared(const std::string& path, int flags);
+
+// Ends the process because `path` cannot be opened (`err` says why). Without
+// its shared files a client can neither keep its identity nor its events.
+[[noreturn]] void sharedFileFailure(const std::string& path, int err);
 
 // Locks the whole range exclusively. One call waits at most
 // lockAttemptsPerCall attempts of lockAttemptMs each (about ten seconds) and

@@ -21,11 +21,11 @@ namespace {
 
 using nlohmann::json;
 
-// A failed open or read of the state file leaves the client without its
-// identity and settings; going on would hand out fresh ids under the same
-// name, so the process ends here with a message instead.
-[[noreturn]] void storeFailure(const char* what) {
-    std::fprintf(stderr, "qvclient: %s %s: %s\n", what, statePath.c_str(), std::strerror(errno));
+// A failed read of the state file leaves the client without its identity
+// and settings; going on would hand out fresh ids under the same name, so
+// the process ends here with a message instead.
+[[noreturn]] void readFailure() {
+    std::fprintf(stderr, "qvclient: cannot read %s: %s\n", statePath.c_str(), std::strerror(errno));
     std::abort();
 }
 
@@ -61,14 +61,14 @@ int lockStateFile(int fd) {
 std::string updateState(const std::string& key, bool force, const StateTransform& transform) {
     makeDataDir();
     int fd = openShared(statePath, O_RDWR | O_CREAT);
-    if (fd < 0) storeFailure("cannot open");
+    if (fd < 0) sharedFileFailure(statePath, errno);
     // The lock's range and every read and write name their offsets, so the
     // descriptor's own position never matters and is never moved.
     bool locked = lockStateFile(fd) == 0;
 
     char buffer[stateFileLimit + 1];
     ssize_t got = ::pread(fd, buffer, stateFileLimit, 0);
-    if (got < 0) storeFailure("cannot read");
+    if (got < 0) readFailure();
     if (static_cast<std::size_t>(got) >= stateFileLimit) {
         std::fprintf(stderr, "qvclient: %s has reached %zu bytes\n", statePath.c_str(),
                      stateFileLimit);

@@ -59,7 +59,11 @@ double readTimestamp(const std::string& text) {
     std::istringstream in(date);
     in.imbue(std::locale::classic());
     in >> std::get_time(&local, "%Y-%m-%d %H:%M:%S");
-    local.tm_isdst = -1;
+    // Standard time for every date: the shift from UTC is then the same on
+    // both sides of a difference, also when daylight saving time began or
+    // ended between the two stamps. Left to mktime (-1), a summer stamp
+    // would be read an hour off a winter one.
+    local.tm_isdst = 0;
     return static_cast<double>(std::mktime(&local)) + fraction;
 }
 

@@ -17,9 +17,11 @@ std::int64_t ticksToMs(std::uint64_t from, std::uint64_t to);
 std::string timestampText(std::uint64_t ticks);
 std::string nowTimestamp();
 
-// Reads a stored timestamp back as seconds. The date is taken as local time
-// while it was written as UTC, so only differences of two results mean
-// anything. A text without "." gives its date part with no fraction.
+// Reads a stored timestamp back as seconds. The date is taken as local
+// standard time while it was written as UTC, so only differences of two
+// results mean anything; the shift is the same for every date, daylight
+// saving time or not. A text without "." gives its date part with no
+// fraction.
 double readTimestamp(const std::string& text);
 
 }  // namespace qv

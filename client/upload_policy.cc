@@ -21,10 +21,11 @@ namespace qv {
 namespace {
 
 // The events file's size, without its lock: a decision doesn't need the
-// last line to the byte. Beyond 32 bits it counts as 4 GiB - 1.
+// last line to the byte. Beyond 32 bits it counts as 4 GiB - 1. A client
+// that cannot open the events file ends here as it would at its next flush.
 std::uint32_t eventsFileSize() {
     int fd = openShared(eventsPath, O_RDWR | O_APPEND | O_CREAT);
-    if (fd < 0) return 0;
+    if (fd < 0) sharedFileFailure(eventsPath, errno);
     off_t end = ::lseek(fd, 0, SEEK_END);
     ::close(fd);
     if (end < 0) return 0;

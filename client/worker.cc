@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <thread>
 
 #include "debug_log.h"
@@ -20,13 +18,6 @@
 namespace qv {
 
 namespace {
-
-// Without an events file there is nowhere to put the queue; the lines would
-// pile up without bound, so the process ends and says why.
-[[noreturn]] void eventsFileFailure(int err) {
-    std::fprintf(stderr, "qvclient: cannot open %s: %s\n", eventsPath.c_str(), std::strerror(err));
-    std::abort();
-}
 
 // Writes the whole queue, one write call per line so that no other client's
 // append can tear a line. The lines are taken out under queueMutex and
@@ -57,9 +48,11 @@ void checkQueue(std::uint32_t request) {
     std::size_t threshold = request != 0 ? 0 : maxLineBuf.load();
 
     while (queueLength > threshold) {
-        if (fd < 0) eventsFileFailure(openErr);
+        // Without an events file there is nowhere to put the queue; the
+        // lines would pile up without bound.
+        if (fd < 0) sharedFileFailure(eventsPath, openErr);
         int err = lockNamedFile(fd, eventsPath);
-        if (fd < 0) eventsFileFailure(err);
+        if (fd < 0) sharedFileFailure(eventsPath, err);
         if (err != 0) {
             std::printf("lock error: %d\n", err);
             std::fflush(stdout);

@@ -8,7 +8,7 @@ packages=(
   libcurl4-openssl-dev zlib1g-dev nlohmann-json3-dev librapidxml-dev
   libudev-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
-  python3 openssl
+  python3 openssl tzdata
   clang libclang-rt-14-dev clang-format
 )
 

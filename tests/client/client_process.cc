@@ -1,8 +1,10 @@
 #include "client_process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +18,21 @@
 extern char** environ;
 
 namespace qvtest {
+
+ScopedEnv::ScopedEnv(const char* name, const std::string& value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    ::setenv(name, value.c_str(), 1);
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (had_) {
+        ::setenv(name_.c_str(), old_.c_str(), 1);
+    } else {
+        ::unsetenv(name_.c_str());
+    }
+}
 
 TempDir::TempDir() {
     const char* tmp = std::getenv("TMPDIR");
@@ -31,7 +48,8 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-ClientProcess::ClientProcess(const std::string& dataDir, const std::vector<std::string>& args) {
+ClientProcess::ClientProcess(const std::string& dataDir, const std::vector<std::string>& args,
+                             const std::optional<RunAs>& as) {
     int inPipe[2];
     int outPipe[2];
     if (::pipe2(inPipe, O_CLOEXEC) != 0 || ::pipe2(outPipe, O_CLOEXEC) != 0) {
@@ -65,6 +83,15 @@ ClientProcess::ClientProcess(const std::string& dataDir, const std::vector<std::
     if (pid_ == 0) {
         ::dup2(inPipe[0], STDIN_FILENO);
         ::dup2(outPipe[1], STDOUT_FILENO);
+        if (as) {
+            ::umask(as->umask);
+            // Groups first: once the user id is gone, so is the right to
+            // change them.
+            if (::setgroups(1, &as->gid) != 0 || ::setresgid(as->gid, as->gid, as->gid) != 0 ||
+                ::setresuid(as->uid, as->uid, as->uid) != 0) {
+                ::_exit(126);
+            }
+        }
         ::execve(argv[0], argv.data(), envp.data());
         ::_exit(127);
     }
@@ -134,8 +161,8 @@ int ClientProcess::wait(std::chrono::seconds limit) {
 }
 
 RunResult runClient(const std::string& dataDir, const std::vector<std::string>& args,
-                    const std::string& input) {
-    ClientProcess client(dataDir, args);
+                    const std::string& input, const std::optional<RunAs>& as) {
+    ClientProcess client(dataDir, args, as);
     // A client may end before it has read everything (".EOF", "--version"):
     // its input then fails to take the rest, which is no error here.
     client.trySend(input);

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,21 @@ inline constexpr bool sanitized = true;
 #else
 inline constexpr bool sanitized = false;
 #endif
+
+// Sets an environment variable while it lives, and so for every client
+// started meanwhile; then puts back what was there.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_;
+    std::string old_;
+    bool had_ = false;
+};
 
 // A fresh folder under $TMPDIR, removed with everything in it.
 class TempDir {
@@ -33,12 +49,22 @@ private:
     std::string path_;
 };
 
+// Another user for a client: the child takes these ids (the group as its
+// only group) and this umask between fork and exec. Needs root.
+struct RunAs {
+    uid_t uid;
+    gid_t gid;
+    mode_t umask;
+};
+
 // One running qvclient with a pipe on its standard input and its standard
 // output collected.
 class ClientProcess {
 public:
-    // Starts the binary with VANTSHRD_DIR=dataDir and the given arguments.
-    ClientProcess(const std::string& dataDir, const std::vector<std::string>& args);
+    // Starts the binary with VANTSHRD_DIR=dataDir and the given arguments,
+    // as this process's user unless `as` names another.
+    ClientProcess(const std::string& dataDir, const std::vector<std::string>& args,
+                  const std::optional<RunAs>& as = std::nullopt);
     ~ClientProcess();
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
@@ -66,7 +92,7 @@ struct RunResult {
 
 // Runs the client on `input` (closed after writing) and waits for it.
 RunResult runClient(const std::string& dataDir, const std::vector<std::string>& args,
-                    const std::string& input);
+                    const std::string& input, const std::optional<RunAs>& as = std::nullopt);
 
 bool exitedCleanly(int status);  // exit code 0
 bool aborted(int status);        // ended by a signal

@@ -1,7 +1,10 @@
 // Several clients appending to one data folder at once: every line arrives
-// whole, exactly once, and in its client's order.
+// whole, exactly once, and in its client's order. And the users of one group
+// taking turns in the folder, each under a umask that keeps the group out.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -67,4 +70,59 @@ TEST(Concurrency, EightClientsIntoOneFolder) {
         ++next[c];
     }
     for (int c = 0; c < clients; ++c) EXPECT_EQ(next[c], perClient);
+}
+
+TEST(Concurrency, UsersOfOneGroupTakeTurnsInTheFolder) {
+    if (::geteuid() != 0) GTEST_SKIP() << "switching users needs root";
+    // Ids that need no account on the machine.
+    const gid_t group = 61000;
+    const RunAs first{61001, group, 022};
+    const RunAs second{61002, group, 022};
+    TempDir dir;
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);  // made private to root
+    const std::string data = dir.file("shared");
+    ASSERT_EQ(::mkdir(data.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(data.c_str(), 0, group), 0);
+    ASSERT_EQ(::chmod(data.c_str(), 02775), 0);
+    auto event = [](const std::string& who) { return "{\"who\":\"" + who + "\"}\n"; };
+    auto whoWrote = [&] {
+        std::vector<std::string> who;
+        for (const auto& line : heldLines(data)) who.push_back(json::parse(line)["who"]);
+        return who;
+    };
+    auto stated = [&](const char* name) {
+        struct stat st = {};
+        EXPECT_EQ(::lstat((data + "/" + name).c_str(), &st), 0) << name;
+        return st;
+    };
+
+    // The first run's upload fails and leaves its line in the send file; the
+    // second comes within the minute, decides nothing, and starts a new
+    // events file.
+    ASSERT_TRUE(exitedCleanly(runClient(data, {}, event("first"), first).status));
+    ASSERT_TRUE(exitedCleanly(runClient(data, {}, event("second"), second).status));
+    EXPECT_EQ(whoWrote(), (std::vector<std::string>{"first", "second"}));
+    const struct {
+        const char* name;
+        uid_t owner;
+    } made[] = {{"registry.json", first.uid},
+                {"qvevents.json.send", first.uid},
+                {"qvevents.json", second.uid}};
+    for (const auto& file : made) {
+        struct stat st = stated(file.name);
+        EXPECT_EQ(st.st_mode & 07777, 0660u) << file.name;
+        EXPECT_EQ(st.st_uid, file.owner) << file.name;
+        EXPECT_EQ(st.st_gid, group) << file.name;
+    }
+
+    // A file that its owner narrowed stays so: a member of the group who
+    // cannot write it ends at the store with no line taken, and root's
+    // client, which could widen it, leaves its mode alone.
+    ASSERT_EQ(::chmod((data + "/registry.json").c_str(), 0640), 0);
+    RunResult refused = runClient(data, {}, event("refused"), second);
+    EXPECT_TRUE(aborted(refused.status));
+    EXPECT_EQ(refused.output, "schema: 00000005\nbuild: 90\n");
+    ASSERT_TRUE(exitedCleanly(runClient(data, {}, event("root")).status));
+    EXPECT_EQ(stated("registry.json").st_mode & 07777, 0640u);
+    EXPECT_EQ(whoWrote(), (std::vector<std::string>{"first", "second", "root"}));
 }

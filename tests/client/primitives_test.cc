@@ -116,4 +116,30 @@ TEST(Timestamp, TextAsTheCalendarFunctionsAndReadBack) {
     EXPECT_NEAR(
         qv::readTimestamp("2017-06-01 22:07:41.5") - qv::readTimestamp("2017-06-01 22:07:41"), 0.5,
         1e-9);
+
+    // In a zone with daylight saving time the read-back keeps one shift all
+    // year: each hour of 2024 and the second before it, so both sides of
+    // both changes. Sydney has its summer in January; Dublin's standard time
+    // is its summer time.
+    for (const char* zone :
+         {"Europe/Berlin", "America/New_York", "Australia/Sydney", "Europe/Dublin"}) {
+        qvtest::ScopedEnv tz("TZ", zone);
+        ::tzset();
+        const std::time_t year = 1704067200;  // 2024-01-01 00:00:00 UTC
+        std::set<int> seasons;
+        std::set<double> shifts;
+        for (std::time_t hour = year; hour < year + 366 * 86400; hour += 3600) {
+            for (std::time_t t : {hour - 1, hour}) {
+                std::tm local{};
+                ::localtime_r(&t, &local);
+                seasons.insert(local.tm_isdst);
+                const auto at = static_cast<std::uint64_t>(t) * second;
+                shifts.insert(qv::readTimestamp(qv::timestampText(at)) - static_cast<double>(t));
+            }
+        }
+        EXPECT_EQ(seasons.size(), 2u) << zone << ": no daylight saving time (zone data missing?)";
+        EXPECT_EQ(shifts.size(), 1u)
+            << zone << ": shifts from " << *shifts.begin() << " to " << *shifts.rbegin();
+    }
+    ::tzset();
 }

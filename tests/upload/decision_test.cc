@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "upload_support.h"
 
 using nlohmann::json;
@@ -16,6 +18,23 @@ namespace {
 bool decided(const std::string& log) {
     return traced(log, "TIME qualifies") || traced(log, "SIZE qualifies") ||
            traced(log, "too small, too early") || traced(log, "forcing after");
+}
+
+// Seconds from now back to a day on the other side of the last change of
+// daylight saving time in the zone that TZ names; 0 when there is none
+// within a year.
+double agoAcrossDaylightSaving() {
+    ::tzset();
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    const int season = local.tm_isdst;
+    for (int days = 1; days <= 366; ++days) {
+        const std::time_t then = now - days * 86400;
+        ::localtime_r(&then, &local);
+        if (local.tm_isdst != season) return days * 86400.0;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -41,7 +60,7 @@ TEST(UploadDecision, FirstDecisionUploadsAndNoneFollowsWithinAMinute) {
     EXPECT_EQ(numbersOf(readLines(bench.eventsFile()), "b"), (std::vector<int>{0, 1, 2, 0, 1, 2}));
 }
 
-TEST(UploadDecision, TooSmallTooEarlyTheTwoMinuteFloorAndTheSizeLimit) {
+TEST(UploadDecision, TooSmallTooEarlyTheTwoMinuteFloorTheSizeLimitAndDaylightSaving) {
     UploadBench bench;
     const std::string ninetyAgo = stampAgo(90);
     seedStore(bench.data, {{"LastUpload", ninetyAgo}});
@@ -83,6 +102,29 @@ TEST(UploadDecision, TooSmallTooEarlyTheTwoMinuteFloorAndTheSizeLimit) {
     uploads = bench.server.uploads();
     ASSERT_EQ(uploads.size(), 2u);
     EXPECT_EQ(uploads[1].meta["event_bytes"], content.size());
+
+    // A LastUpload on the other side of a change of daylight saving time
+    // counts the seconds that really passed, not an hour more or less: with
+    // MaxLastUploadSeconds half an hour beyond them it is too early, and the
+    // trace says how long ago. Sydney's summer is Berlin's winter, so most
+    // days the two look back across opposite changes.
+    for (const char* zone : {"Europe/Berlin", "Australia/Sydney"}) {
+        ScopedEnv tz("TZ", zone);
+        const double ago = agoAcrossDaylightSaving();
+        ASSERT_GT(ago, 0) << zone << ": no daylight saving time (zone data missing?)";
+        patchStore(bench.data,
+                   {{"MinUploadSize", "1048576"},
+                    {"MaxLastUploadSeconds", std::to_string(static_cast<long>(ago) + 1800)},
+                    {"LastUpload", stampAgo(ago)}});
+        ASSERT_TRUE(exitedCleanly(bench.run(eventInput(zone, 3)).status));
+        const std::string log = bench.traces();
+        const std::string early = "too small, too early (";
+        const size_t at = log.find(early);
+        ASSERT_NE(at, std::string::npos) << zone << "\n" << log;
+        // The trace shows six digits, so to the hundred seconds.
+        EXPECT_NEAR(std::stod(log.substr(at + early.size())), ago, 600) << zone;
+    }
+    EXPECT_EQ(bench.server.uploads().size(), 2u);
 }
 
 TEST(UploadDecision, PauseHoldsUntilUnpausedAndOffForcesPastIt) {
