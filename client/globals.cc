@@ -1,6 +1,8 @@
 #include "globals.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -37,9 +39,14 @@ void initPaths() {
 }
 
 void makeDataDir() {
-    // Group-writable so that every user's client can share the folder; the
-    // recommended install makes it setgid, which new files then inherit.
-    ::mkdir(dataDir.c_str(), 0775);
+    // A folder that this client makes is made as the install makes it:
+    // group-writable whatever the umask, so that every user's client can
+    // share it, and setgid, so that new files take its group.
+    if (::mkdir(dataDir.c_str(), 0775) != 0) return;
+    const int fd = ::open(dataDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return;
+    [[maybe_unused]] const int ignored = ::fchmod(fd, 02775);
+    ::close(fd);
 }
 
 }  // namespace qv

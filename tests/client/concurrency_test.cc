@@ -80,10 +80,12 @@ TEST(Concurrency, UsersOfOneGroupTakeTurnsInTheFolder) {
     const RunAs second{61002, group, 022};
     TempDir dir;
     ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);  // made private to root
-    const std::string data = dir.file("shared");
-    ASSERT_EQ(::mkdir(data.c_str(), 0755), 0);
-    ASSERT_EQ(::chown(data.c_str(), 0, group), 0);
-    ASSERT_EQ(::chmod(data.c_str(), 02775), 0);
+    // The group's folder holds the data folder, which the first client makes.
+    const std::string parent = dir.file("group");
+    ASSERT_EQ(::mkdir(parent.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(parent.c_str(), 0, group), 0);
+    ASSERT_EQ(::chmod(parent.c_str(), 02775), 0);
+    const std::string data = parent + "/shared";
     auto event = [](const std::string& who) { return "{\"who\":\"" + who + "\"}\n"; };
     auto whoWrote = [&] {
         std::vector<std::string> who;
@@ -102,6 +104,10 @@ TEST(Concurrency, UsersOfOneGroupTakeTurnsInTheFolder) {
     ASSERT_TRUE(exitedCleanly(runClient(data, {}, event("first"), first).status));
     ASSERT_TRUE(exitedCleanly(runClient(data, {}, event("second"), second).status));
     EXPECT_EQ(whoWrote(), (std::vector<std::string>{"first", "second"}));
+    struct stat folder = {};
+    ASSERT_EQ(::lstat(data.c_str(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 02775u) << "the data folder that a client made";
+    EXPECT_EQ(folder.st_gid, group);
     const struct {
         const char* name;
         uid_t owner;
