@@ -1,24 +1,20 @@
 #include "log_clock.h"
 
-#include <time.h>
-
 #include <atomic>
-#include <fstream>
 #include <mutex>
-#include <string>
 
-#if defined(__x86_64__)
-#include <x86intrin.h>
-#endif
+#include "log_platform.h"
 
 namespace devio::xlog {
 
 namespace {
 
 uint64_t monotonicNanos() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(ts.tv_nsec);
+    return XLogPlatformSpecific::monotonicNanos();
+}
+
+uint64_t readCounter() {
+    return XLogPlatformSpecific::readCounter();
 }
 
 // Each thread's last reading: a new rate, or a fall back to the system
@@ -36,8 +32,6 @@ uint64_t notBefore(uint64_t micros) {
 uint64_t systemMonotonicMicros() {
     return monotonicNanos() / 1000;
 }
-
-#if defined(__x86_64__)
 
 namespace {
 
@@ -73,35 +67,15 @@ Sample takeSample() {
     Sample best{0, 0};
     uint64_t bestSpread = UINT64_MAX;
     for (int i = 0; i < 5; ++i) {
-        uint64_t before = __rdtsc();
+        uint64_t before = readCounter();
         uint64_t nanos = monotonicNanos();
-        uint64_t after = __rdtsc();
+        uint64_t after = readCounter();
         if (after >= before && after - before < bestSpread) {
             bestSpread = after - before;
             best = {before + (after - before) / 2, nanos};
         }
     }
     return best;
-}
-
-bool cpuHasConstantCounter() {
-    std::ifstream cpuinfo("/proc/cpuinfo");
-    std::string line;
-    while (std::getline(cpuinfo, line)) {
-        if (line.rfind("flags", 0) != 0) continue;
-        std::string flags = line + " ";
-        return flags.find(" constant_tsc ") != std::string::npos &&
-               flags.find(" nonstop_tsc ") != std::string::npos;
-    }
-    return false;
-}
-
-// Whether the kernel itself keeps time by the counter: it stops doing so
-// when it finds the counter unreliable, and so do we.
-bool kernelKeepsTimeByCounter() {
-    std::ifstream source("/sys/devices/system/clocksource/clocksource0/current_clocksource");
-    std::string name;
-    return static_cast<bool>(source >> name) && name == "tsc";
 }
 
 uint64_t convert(uint64_t ticks, uint64_t fromTicks, uint64_t fromMicros, uint64_t rate) {
@@ -140,7 +114,7 @@ uint64_t monotonicMicros() {
         rate = conversion.rate.load(std::memory_order_acquire);
     } while ((sequence & 1) != 0 ||
              sequence != conversion.sequence.load(std::memory_order_relaxed));
-    uint64_t ticks = __rdtsc();
+    uint64_t ticks = readCounter();
     // Behind the conversion's own reading: the counter was reset (a resume
     // from suspend), or this read ran ahead of the loads above.
     if (ticks < fromTicks) return notBefore(systemMonotonicMicros());
@@ -151,7 +125,7 @@ void refineClock() {
     std::lock_guard lock(refineMutex);
     if (!started) {
         started = true;
-        constantCounter = cpuHasConstantCounter();
+        constantCounter = XLogPlatformSpecific::counterRunsSteadily();
         if (!constantCounter) return;
         baseline = takeSample();
         lastRefineNanos = baseline.nanos;
@@ -164,7 +138,7 @@ void refineClock() {
     lastRefineNanos = nanos;
 
     Sample now = takeSample();
-    if (!kernelKeepsTimeByCounter() || now.ticks <= baseline.ticks ||
+    if (!XLogPlatformSpecific::kernelKeepsTimeByCounter() || now.ticks <= baseline.ticks ||
         now.ticks < conversion.ticks.load(std::memory_order_relaxed)) {
         // Read the system clock again, and measure afresh from here.
         counting.store(false, std::memory_order_release);
@@ -190,19 +164,5 @@ void refineClock() {
 bool clockCountsTicks() {
     return counting.load(std::memory_order_acquire);
 }
-
-#else
-
-uint64_t monotonicMicros() {
-    return notBefore(systemMonotonicMicros());
-}
-
-void refineClock() {}
-
-bool clockCountsTicks() {
-    return false;
-}
-
-#endif
 
 }  // namespace devio::xlog

@@ -1,12 +1,15 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <pthread.h>
+#include <stdio_ext.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -106,6 +109,28 @@ bool XLogPlatformSpecific::debuggerPresent() {
     while (std::getline(status, line))
         if (line.rfind("TracerPid:", 0) == 0) return std::atoi(line.c_str() + 10) != 0;
     return false;
+}
+
+void XLogPlatformSpecific::debugBreak() {
+    std::raise(SIGTRAP);
+}
+
+std::FILE* XLogPlatformSpecific::openLogFile(const std::string& path) {
+    // The folder may sit in a shared temp directory: never follow a link
+    // planted where our file should be.
+    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return nullptr;
+    std::FILE* file = fdopen(fd, "a");
+    if (file == nullptr) close(fd);
+    return file;
+}
+
+void XLogPlatformSpecific::discardUnwritten(std::FILE* file) {
+    __fpurge(file);
+}
+
+void XLogPlatformSpecific::atForkChild(void (*handler)()) {
+    pthread_atfork(nullptr, nullptr, handler);
 }
 
 void XLogPlatformSpecific::purgeOldLogFiles(const std::string& folder,
