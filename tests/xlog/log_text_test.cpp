@@ -155,6 +155,20 @@ TEST(LogSettingsTest, FileThenEnvironmentOverDefaults) {
     fs::remove_all(dir);
 }
 
+TEST(LogSettingsTest, NumbersAreDecimalOrHexWithItsPrefixNeverOctal) {
+    // 3 is the default that a refused value keeps.
+    const std::pair<const char*, int> forms[] = {
+        {"010", 10},  {"08", 8},    {"0", 0},           {"4", 4},  {"-1", -1},
+        {"0x10", 16}, {"0X1f", 31}, {"0xffffffff", -1}, {"0x", 3}, {"0b1", 3},
+        {"1e3", 3},   {"12abc", 3}, {"0x1g", 3},        {"", 3},   {"4294967296", 3},
+    };
+    for (const auto& [text, expected] : forms) {
+        LogSettings settings;
+        applyLogSetting(settings, "logTagLevel", text);
+        EXPECT_EQ(settings.logTagLevel, expected) << '"' << text << '"';
+    }
+}
+
 std::vector<std::string> readLines(const fs::path& path) {
     std::ifstream in(path);
     std::vector<std::string> lines;

@@ -30,8 +30,11 @@ public:
     static uint32_t processId();
     static uint32_t threadId();
 
-    // The debug channel: one whole line at a time.
-    static void debugOutput(const char* line, size_t length);
+    // The debug channel, quiet unless someone listens: one whole console
+    // line at a time, with the message's tag. `channel` is the setting
+    // that picks it, given once before the first line.
+    static void chooseDebugChannel(const std::string& channel);
+    static void debugOutput(std::string_view tag, const char* line, size_t length);
 
     // Names the log thread "xlog", so that it can be told apart in top and in
     // a debugger.

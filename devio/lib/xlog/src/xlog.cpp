@@ -42,7 +42,7 @@ void writeConsole(int outputs, int level, const char* function, std::string_view
         std::fwrite(line, 1, length, stdout);
         if (xlog::isShutDown()) std::fflush(stdout);
     }
-    if (outputs & 2) XLogPlatformSpecific::debugOutput(line, length);
+    if (outputs & 2) XLogPlatformSpecific::debugOutput(tag, line, length);
 }
 
 }  // namespace

@@ -89,6 +89,7 @@ void xLogStartup() {
         config.enabled.store(false);
         return;
     }
+    XLogPlatformSpecific::chooseDebugChannel(settings.debugchannel);
     config.logginglevel.store(settings.logginglevel);
     config.loggingoutput.store(settings.loggingoutput);
     config.logTagLevel.store(settings.logTagLevel);
