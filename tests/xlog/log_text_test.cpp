@@ -191,11 +191,18 @@ TEST(LogFileTest, LineFormatSplitAndCut) {
         file.writeRecord(3500001, 123456, 4, "-Device-", "devio::Device::read",
                          "one\ntwo\nthree\n");
         file.writeRecord(3500002, 1, 0, "-x-", "f", std::string(1100, 'y'));
+        // Back from a 30 s suspend: the date follows the wall clock.
+        file.setWallOffset(981173106789012LL - 1000000 + 30000000);
+        file.writeRecord(3500003, 1, 2, "-x-", "f", "resumed");
         file.flush();
     }
     tzset();
     std::vector<std::string> lines = readLines(path);
-    ASSERT_EQ(lines.size(), 5u);
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(
+        lines[5],
+        "2.500003\t2001/02/03 04:05:39.289.015\t4242\t<00001>.devio.proc\t2\t-x-              "
+        "   \tf resumed");
     EXPECT_EQ(
         lines[0],
         "2.500000\t2001/02/03 04:05:09.289.012\t4242\t<00077>.devio.proc\t2\t-api-               \t"

@@ -12,7 +12,7 @@ namespace devio::xlog {
 LogFile::LogFile(uint64_t startMicros, uint64_t startWallMicros, uint32_t processId,
                  std::string processName, std::string nameSpace)
     : startMicros_(startMicros),
-      startWallMicros_(startWallMicros),
+      wallOffset_(static_cast<int64_t>(startWallMicros - startMicros)),
       processId_(processId),
       processName_(std::move(processName)),
       nameSpace_(std::move(nameSpace)) {}
@@ -28,7 +28,7 @@ bool LogFile::open(const std::string& path) {
 }
 
 void LogFile::formatDate(uint64_t timeMicros, char* out, size_t size) {
-    uint64_t wall = startWallMicros_ + (timeMicros - startMicros_);
+    uint64_t wall = timeMicros + static_cast<uint64_t>(wallOffset_.load(std::memory_order_relaxed));
     auto second = static_cast<int64_t>(wall / 1000000);
     if (second != cachedSecond_) {
         std::tm local{};
@@ -104,6 +104,10 @@ void LogFile::resetAfterFork(uint32_t processId) {
     // our copy of the stream's buffer; the parent writes them, so the child
     // must drop them or they would reach the file twice.
     if (file_ != nullptr) XLogPlatformSpecific::discardUnwritten(file_);
+}
+
+void LogFile::setWallOffset(int64_t offsetMicros) {
+    wallOffset_.store(offsetMicros, std::memory_order_relaxed);
 }
 
 void LogFile::flush() {

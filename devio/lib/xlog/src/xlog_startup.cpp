@@ -95,8 +95,9 @@ void xLogStartup() {
     config.logTagLevel.store(settings.logTagLevel);
     if (settings.LogTags) config.tags.configure(*settings.LogTags);
 
-    uint64_t wallMicros = XLogPlatformSpecific::wallClockMicros();
+    uint64_t wallMicros = xlog::wallClockMicros();
     config.startMicros = xlog::monotonicMicros();
+    xlog::setWallClockOffset(static_cast<int64_t>(wallMicros - config.startMicros));
     auto wallSeconds = static_cast<int64_t>(wallMicros / 1000000);
     std::string exePath = XLogPlatformSpecific::executablePath();
     std::string processName = XLogPlatformSpecific::processName(exePath);
