@@ -24,9 +24,14 @@ namespace fs = std::filesystem;
 using xlogtest::ProbeResult;
 using xlogtest::ProbeRunner;
 
-// A whole file line; the tag column is padded to at least 20 characters.
-const std::regex fileLine(
-    R"(\d+\.\d{6}\t\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\.\d{3}\t\d+\t<\d{5,}>\.devio\.xlogprobe\t[0-4]\t-[^\t]*-\s*\t\S+ .*)");
+// A whole file line of `program`; the tag column is padded to at least 20
+// characters.
+std::regex fileLineOf(const std::string& program) {
+    return std::regex(
+        R"(\d+\.\d{6}\t\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\.\d{3}\t\d+\t<\d{5,}>\.devio\.)" +
+        program + R"(\t[0-4]\t-[^\t]*-\s*\t\S+ .*)");
+}
+const std::regex fileLine = fileLineOf("xlogprobe");
 
 long reportedOverruns(const ProbeResult& r) {
     static const std::regex report(
@@ -419,6 +424,56 @@ TEST(XLogProcessTest, ForkedChildWritesThroughAndExitsWithoutHanging) {
     EXPECT_EQ(r.countLines("devio::Probe::forked parent after"), 1u);
     EXPECT_EQ(r.countLines("devio::Probe::forked parent before"), 1u)
         << "the child must not write the parent's records";
+}
+
+// The facade's exit sequence logs into the buffer, before the log ends, in
+// whichever order the process destroys the two; and a process that never
+// logged before exit gets a whole file all the same, written without a log
+// thread.
+TEST(XLogProcessTest, AtExitTheFacadeLogsIntoTheBufferAndTheLogEndsLast) {
+    const std::pair<const char*, const char*> programs[] = {
+        {EXIT_PROBE_DEVIO_FIRST, "exitprobedeviofirst"},
+        {EXIT_PROBE_XLOG_FIRST, "exitprobexlogfirst"},
+    };
+    for (const auto& [program, name] : programs) {
+        SCOPED_TRACE(name);
+        const std::regex line = fileLineOf(name);
+        const std::string startLine = "INFO - devio::xLogStartup procname=" + std::string(name) +
+                                      " namespace=devio logginglevel=1 loggingoutput=6\n";
+        ProbeRunner runner;
+        runner.useProgram(program);
+        ProbeResult r = runner.run({"devices"}, {channelOnStderr});
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_EQ(r.value("manager"), 1);
+        // The tag filter holds to the end: nothing of the exit on the console.
+        EXPECT_EQ(r.err, startLine);
+        ASSERT_EQ(r.logFiles.size(), 1u);
+        size_t previous = 0;
+        for (const char* text :
+             {"procname=", "before the manager", "creating cdevio DeviceManager",
+              "returning from main", "CDevio::~CDevio", "DeviceManager::~DeviceManager() ... end.",
+              "log thread exiting", "logging is now direct to file"}) {
+            size_t at = indexOf(r, text);
+            ASSERT_NE(at, SIZE_MAX) << text;
+            EXPECT_GT(at, previous) << text;
+            previous = at;
+        }
+        EXPECT_EQ(previous + 1, r.logLines.size()) << r.logLines.back();
+        for (const auto& text : r.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
+
+        ProbeRunner silentRunner;
+        silentRunner.useProgram(program);
+        ProbeResult silent = silentRunner.run({"silent"}, {channelOnStderr});
+        ASSERT_EQ(silent.exitCode, 0) << silent.err;
+        EXPECT_EQ(silent.err, startLine);
+        ASSERT_EQ(silent.logFiles.size(), 1u);
+        ASSERT_FALSE(silent.logLines.empty()) << "an empty file";
+        EXPECT_NE(silent.logLines[0].find("\tdevio::xLogStartup ----"), std::string::npos);
+        EXPECT_LT(indexOf(silent, "procname="), indexOf(silent, "CDevio::~CDevio"));
+        EXPECT_NE(indexOf(silent, "CDevio::~CDevio"), SIZE_MAX);
+        EXPECT_EQ(silent.countLines("log thread exiting"), 0u) << "a log thread started at exit";
+        for (const auto& text : silent.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
+    }
 }
 
 void touch(const fs::path& path, std::chrono::hours age) {
