@@ -166,9 +166,9 @@ void followWallClock() {
     uint64_t wall = wallClockMicros();
     uint64_t after = systemMonotonicMicros();
     auto offset = static_cast<int64_t>(wall - before / 2 - after / 2);
+    int64_t moved = offset - wallOffset.load(std::memory_order_relaxed);
     if (!wallOffsetKnown.load(std::memory_order_relaxed) ||
-        apart(static_cast<uint64_t>(offset), static_cast<uint64_t>(wallOffset.load(
-                                                 std::memory_order_relaxed))) > anchorBoundMicros) {
+        static_cast<uint64_t>(moved < 0 ? -moved : moved) > anchorBoundMicros) {
         wallOffset.store(offset, std::memory_order_relaxed);
         wallOffsetKnown.store(true, std::memory_order_relaxed);
     }

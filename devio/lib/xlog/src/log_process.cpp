@@ -133,19 +133,21 @@ constinit std::atomic<int> shutdownHolds{0};
 constinit std::atomic<bool> exiting{false};
 constinit std::atomic<bool> exitHookRan{false};
 constinit std::atomic<bool> endedAtExit{false};
+constinit std::atomic<bool> neverBuffered{false};
 
 // Writing straight to the file from here on, with nothing buffered before.
 void writeThroughFromNowOn(LogState& s) {
+    neverBuffered.store(true);
     s.drainComplete.store(true);
     s.shutdown.store(true);
 }
 
 void endBufferingAtExit() {
     if (endedAtExit.exchange(true)) return;
-    if (isStarted() && !isShutDown())
-        LogBuffer::shutdown();
-    else if (!isStarted())
+    if (!isStarted())
         writeThroughFromNowOn(state());
+    else if (!neverBuffered.load())
+        LogBuffer::shutdown();
 }
 
 // Logging stops buffering when the process ends, after every other static
