@@ -7,10 +7,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "log_platform.h"
 
 namespace {
 
@@ -80,6 +83,62 @@ TEST(LogClockTest, FollowsTheMonotonicClockOnEveryThreadAndNeverGoesBack) {
     for (size_t t = 0; t < failures.size(); ++t) {
         EXPECT_EQ(failures[t], "") << "thread " << t;
         EXPECT_GT(compared[t], 100) << "thread " << t << " was never between two close readings";
+    }
+}
+
+// A suspend to idle, simulated: the counter runs on 30 s while the
+// monotonic clock stands still, and the wall clock moves on 30 s. Also a
+// counter that goes back, as after a reset.
+TEST(LogClockTest, AfterASuspendReadingsAndDatesAreBackAtTheNextRefinement) {
+    using devio::xlog::anchorBoundMicros;
+    devio::xlog::refineClock();
+    std::this_thread::sleep_for(80ms);
+    devio::xlog::refineClock();
+    if (!devio::xlog::clockCountsTicks()) GTEST_SKIP() << "the counter is not used here";
+
+    uint64_t ticks0 = devio::XLogPlatformSpecific::readCounter();
+    uint64_t micros0 = systemMonotonicMicros();
+    std::this_thread::sleep_for(100ms);
+    double ticksPerMicro =
+        static_cast<double>(devio::XLogPlatformSpecific::readCounter() - ticks0) /
+        static_cast<double>(systemMonotonicMicros() - micros0);
+    constexpr int64_t suspend = 30'000'000;
+    const auto suspendTicks = static_cast<int64_t>(ticksPerMicro * suspend);
+
+    // Within the bound of the system clock, read around it.
+    auto near = [](uint64_t reading) {
+        for (int tries = 0; tries < 100; ++tries) {
+            uint64_t before = systemMonotonicMicros();
+            uint64_t value = reading == 0 ? monotonicMicros() : reading;
+            uint64_t after = systemMonotonicMicros();
+            if (after - before > 20) continue;
+            return value + anchorBoundMicros >= before && value <= after + anchorBoundMicros;
+        }
+        return false;
+    };
+    for (int64_t shift : {suspendTicks, -suspendTicks}) {
+        SCOPED_TRACE(shift > 0 ? "counter ahead" : "counter behind");
+        int64_t offset = devio::xlog::wallClockOffset();
+        devio::xlog::shiftClocksForTest(shift, shift > 0 ? suspend : 0);
+        uint64_t ahead = monotonicMicros();
+        if (shift > 0) {
+            EXPECT_GT(ahead, systemMonotonicMicros() + suspend - 1'000'000);
+        }
+        devio::xlog::refineClock();
+        // At once, and on a thread that has read the wrong time already.
+        EXPECT_TRUE(near(0)) << monotonicMicros() - systemMonotonicMicros();
+        int64_t moved = devio::xlog::wallClockOffset() - offset;
+        EXPECT_LE(std::abs(moved - (shift > 0 ? suspend : 0)),
+                  static_cast<int64_t>(anchorBoundMicros));
+        // The counter is taken up again, at the rate it had.
+        std::this_thread::sleep_for(80ms);
+        devio::xlog::refineClock();
+        EXPECT_TRUE(devio::xlog::clockCountsTicks());
+        EXPECT_TRUE(near(0));
+        devio::xlog::shiftClocksForTest(0, 0);
+        devio::xlog::refineClock();
+        std::this_thread::sleep_for(80ms);
+        devio::xlog::refineClock();
     }
 }
 

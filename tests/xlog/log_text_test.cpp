@@ -155,6 +155,20 @@ TEST(LogSettingsTest, FileThenEnvironmentOverDefaults) {
     fs::remove_all(dir);
 }
 
+TEST(LogSettingsTest, NumbersAreDecimalOrHexWithItsPrefixNeverOctal) {
+    // 3 is the default that a refused value keeps.
+    const std::pair<const char*, int> forms[] = {
+        {"010", 10},  {"08", 8},    {"0", 0},           {"4", 4},  {"-1", -1},
+        {"0x10", 16}, {"0X1f", 31}, {"0xffffffff", -1}, {"0x", 3}, {"0b1", 3},
+        {"1e3", 3},   {"12abc", 3}, {"0x1g", 3},        {"", 3},   {"4294967296", 3},
+    };
+    for (const auto& [text, expected] : forms) {
+        LogSettings settings;
+        applyLogSetting(settings, "logTagLevel", text);
+        EXPECT_EQ(settings.logTagLevel, expected) << '"' << text << '"';
+    }
+}
+
 std::vector<std::string> readLines(const fs::path& path) {
     std::ifstream in(path);
     std::vector<std::string> lines;
@@ -177,11 +191,18 @@ TEST(LogFileTest, LineFormatSplitAndCut) {
         file.writeRecord(3500001, 123456, 4, "-Device-", "devio::Device::read",
                          "one\ntwo\nthree\n");
         file.writeRecord(3500002, 1, 0, "-x-", "f", std::string(1100, 'y'));
+        // Back from a 30 s suspend: the date follows the wall clock.
+        file.setWallOffset(981173106789012LL - 1000000 + 30000000);
+        file.writeRecord(3500003, 1, 2, "-x-", "f", "resumed");
         file.flush();
     }
     tzset();
     std::vector<std::string> lines = readLines(path);
-    ASSERT_EQ(lines.size(), 5u);
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(
+        lines[5],
+        "2.500003\t2001/02/03 04:05:39.289.015\t4242\t<00001>.devio.proc\t2\t-x-              "
+        "   \tf resumed");
     EXPECT_EQ(
         lines[0],
         "2.500000\t2001/02/03 04:05:09.289.012\t4242\t<00077>.devio.proc\t2\t-api-               \t"

@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -75,7 +77,7 @@ ProbeResult ProbeRunner::run(const std::vector<std::string>& args,
     environment.push_back("XDG_CONFIG_HOME=" + (dir_ / "config").string());
     for (const auto& [name, value] : env) environment.push_back(name + "=" + value);
 
-    std::vector<std::string> argv{XLOG_PROBE};
+    std::vector<std::string> argv{program_};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> argp, envp;
     for (auto& a : argv) argp.push_back(a.data());
@@ -85,16 +87,36 @@ ProbeResult ProbeRunner::run(const std::vector<std::string>& args,
 
     fs::path outPath = dir_ / "stdout.txt";
     fs::path errPath = dir_ / "stderr.txt";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
     pid_t pid = 0;
-    int rc = posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start the probe");
+    if (runDir_.empty()) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        int rc = posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) throw std::runtime_error("cannot start the probe");
+    } else {
+        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        pid = fork();
+        if (pid == 0) {
+            // The bind mount is seen by this child alone.
+            if (unshare(CLONE_NEWNS) != 0 ||
+                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                mount(runDir_.c_str(), "/run", nullptr, MS_BIND, nullptr) != 0)
+                _exit(cannotMountRun);
+            dup2(out, 1);
+            dup2(err, 2);
+            execve(argp[0], argp.data(), envp.data());
+            _exit(127);
+        }
+        close(out);
+        close(err);
+        if (pid < 0) throw std::runtime_error("cannot start the probe");
+    }
     // A probe that hangs fails its test instead of holding up the suite.
     constexpr auto patience = std::chrono::seconds(120);
     auto deadline = std::chrono::steady_clock::now() + patience;

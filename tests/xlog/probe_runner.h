@@ -33,12 +33,24 @@ public:
     // Writes the settings file the probe will read.
     void writeSettings(const std::string& text);
 
+    // Runs `path` instead of xlog_probe.
+    void useProgram(std::string path) { program_ = std::move(path); }
+
+    // Runs the probe in a mount namespace of its own with `dir` mounted over
+    // /run, so that a socket at dir/systemd/journal/socket stands in for the
+    // systemd journal. Where the namespace cannot be made (not root), the
+    // run ends with exit code `cannotMountRun`.
+    void mountOverRun(std::filesystem::path dir) { runDir_ = std::move(dir); }
+    static constexpr int cannotMountRun = 77;
+
     // `env` adds variables (DEVIO_* and the like) to a clean environment.
     ProbeResult run(const std::vector<std::string>& args,
                     const std::map<std::string, std::string>& env = {});
 
 private:
     std::filesystem::path dir_;
+    std::string program_ = XLOG_PROBE;
+    std::filesystem::path runDir_;
 };
 
 }  // namespace xlogtest

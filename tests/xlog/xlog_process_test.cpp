@@ -2,8 +2,13 @@
 // with its own temp folder and settings, and reads the log file it leaves.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -19,9 +24,14 @@ namespace fs = std::filesystem;
 using xlogtest::ProbeResult;
 using xlogtest::ProbeRunner;
 
-// A whole file line; the tag column is padded to at least 20 characters.
-const std::regex fileLine(
-    R"(\d+\.\d{6}\t\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\.\d{3}\t\d+\t<\d{5,}>\.devio\.xlogprobe\t[0-4]\t-[^\t]*-\s*\t\S+ .*)");
+// A whole file line of `program`; the tag column is padded to at least 20
+// characters.
+std::regex fileLineOf(const std::string& program) {
+    return std::regex(
+        R"(\d+\.\d{6}\t\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\.\d{3}\t\d+\t<\d{5,}>\.devio\.)" +
+        program + R"(\t[0-4]\t-[^\t]*-\s*\t\S+ .*)");
+}
+const std::regex fileLine = fileLineOf("xlogprobe");
 
 long reportedOverruns(const ProbeResult& r) {
     static const std::regex report(
@@ -116,9 +126,12 @@ TEST(XLogProcessTest, RingsGrowWithoutLossAndOldBuffersAreDeleted) {
     EXPECT_EQ(r.countLines("overrun"), 0u);
 }
 
+// The debug channel on standard error, where the tests read it.
+const std::pair<const std::string, std::string> channelOnStderr{"DEVIO_DEBUGCHANNEL", "stderr"};
+
 TEST(XLogProcessTest, OverrunIsCountedAndReportedWithTheRightCount) {
     ProbeRunner runner;
-    ProbeResult r = runner.run({"overrun", "100", "500"});
+    ProbeResult r = runner.run({"overrun", "100", "500"}, {channelOnStderr});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     long lost = r.value("lost");
     ASSERT_GT(lost, 300);
@@ -219,7 +232,9 @@ TEST(XLogProcessTest, ConsoleLinesFollowLevelsTagsAndOutputs) {
         SCOPED_TRACE(c.name);
         ProbeRunner runner;
         runner.writeSettings(c.settingsFile);
-        ProbeResult r = runner.run({"formats"}, c.env);
+        std::map<std::string, std::string> env = c.env;
+        env.insert(channelOnStderr);
+        ProbeResult r = runner.run({"formats"}, env);
         ASSERT_EQ(r.exitCode, 0) << r.err;
         std::string expectedErr, expectedOut;
         for (const auto& line : c.err) expectedErr += line + "\n";
@@ -255,6 +270,90 @@ TEST(XLogProcessTest, ConsoleLinesFollowLevelsTagsAndOutputs) {
         EXPECT_EQ(r.countLines("\tdevio::Probe::formats second"), 1u);
         EXPECT_EQ(r.countLines("\tdevio::Probe::formats third"), 1u);
     }
+}
+
+// A stand-in for the systemd journal: a datagram socket where the journal's
+// would be, for a probe that sees `runDir` as /run.
+class FakeJournal {
+public:
+    explicit FakeJournal(const fs::path& runDir) {
+        fs::create_directories(runDir / "systemd" / "journal");
+        std::string path = (runDir / "systemd" / "journal" / "socket").string();
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            ADD_FAILURE() << "cannot bind " << path;
+    }
+    ~FakeJournal() { close(fd_); }
+
+    // Each record as its fields. A field is "NAME=value\n", or, for a value
+    // that holds a newline, "NAME\n", the length in 64 bits little-endian,
+    // the value and "\n".
+    std::vector<std::map<std::string, std::string>> records() const {
+        std::vector<std::map<std::string, std::string>> out;
+        std::vector<char> buffer(1 << 16);
+        for (ssize_t n; (n = recv(fd_, buffer.data(), buffer.size(), 0)) > 0;) {
+            std::string_view rest(buffer.data(), static_cast<size_t>(n));
+            std::map<std::string, std::string>& fields = out.emplace_back();
+            while (!rest.empty()) {
+                size_t end = rest.find('\n');
+                std::string_view head = rest.substr(0, end);
+                if (size_t equals = head.find('='); equals != std::string_view::npos) {
+                    fields[std::string(head.substr(0, equals))] = head.substr(equals + 1);
+                    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+                    continue;
+                }
+                uint64_t length = 0;
+                if (end == std::string_view::npos || rest.size() < end + 9) break;
+                std::memcpy(&length, rest.data() + end + 1, 8);
+                if (rest.size() < end + 9 + length) break;
+                fields[std::string(head)] = rest.substr(end + 9, length);
+                rest.remove_prefix(std::min(rest.size(), end + 10 + length));
+            }
+        }
+        return out;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+TEST(XLogProcessTest, DebugChannelIsTheJournalAtDebugPriorityQuietOnTheTerminal) {
+    ProbeRunner runner;
+    ProbeResult quiet = runner.run({"formats"});
+    ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
+    EXPECT_EQ(quiet.err, "");
+    EXPECT_EQ(quiet.out, "");
+    EXPECT_EQ(quiet.countLines("devio::Probe::formats untagged debug"), 1u);
+
+    // Where there is no journal, and where there is one.
+    fs::path run = runner.dir() / "run";
+    fs::create_directories(run);
+    runner.mountOverRun(run);
+    ProbeResult none = runner.run({"formats"});
+    if (none.exitCode == ProbeRunner::cannotMountRun)
+        GTEST_SKIP() << "a journal of our own needs a mount namespace (root)";
+    ASSERT_EQ(none.exitCode, 0) << none.err;
+    EXPECT_EQ(none.err, "");
+    FakeJournal journal(run);
+    ProbeResult r = runner.run({"formats"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    std::vector<std::string> seen;
+    for (auto& fields : journal.records()) {
+        EXPECT_EQ(fields["PRIORITY"], "7") << fields["MESSAGE"];
+        seen.push_back(fields["DEVIO_TAG"] + ": " + fields["MESSAGE"]);
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{
+                        "xLog: INFO - devio::xLogStartup procname=xlogprobe namespace=devio "
+                        "logginglevel=1 loggingoutput=6",
+                        "Probe: ERROR - devio::Probe::formats repeated name",
+                        "hid: WARNING - devio::Probe::formats -hid- tagged warning",
+                        "Untagged: ERROR - devio::xAssert probe.cpp(42): ASSERT FAILURE! "
+                        "Expression: 1 + 1 == 3",
+                    }));
 }
 
 TEST(XLogProcessTest, MessagesReachTheFileAsVsnprintfFormatsThemWithStringsTakenAtTheCall) {
@@ -327,6 +426,56 @@ TEST(XLogProcessTest, ForkedChildWritesThroughAndExitsWithoutHanging) {
         << "the child must not write the parent's records";
 }
 
+// The facade's exit sequence logs into the buffer, before the log ends, in
+// whichever order the process destroys the two; and a process that never
+// logged before exit gets a whole file all the same, written without a log
+// thread.
+TEST(XLogProcessTest, AtExitTheFacadeLogsIntoTheBufferAndTheLogEndsLast) {
+    const std::pair<const char*, const char*> programs[] = {
+        {EXIT_PROBE_DEVIO_FIRST, "exitprobedeviofirst"},
+        {EXIT_PROBE_XLOG_FIRST, "exitprobexlogfirst"},
+    };
+    for (const auto& [program, name] : programs) {
+        SCOPED_TRACE(name);
+        const std::regex line = fileLineOf(name);
+        const std::string startLine = "INFO - devio::xLogStartup procname=" + std::string(name) +
+                                      " namespace=devio logginglevel=1 loggingoutput=6\n";
+        ProbeRunner runner;
+        runner.useProgram(program);
+        ProbeResult r = runner.run({"devices"}, {channelOnStderr});
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_EQ(r.value("manager"), 1);
+        // The tag filter holds to the end: nothing of the exit on the console.
+        EXPECT_EQ(r.err, startLine);
+        ASSERT_EQ(r.logFiles.size(), 1u);
+        size_t previous = 0;
+        for (const char* text :
+             {"procname=", "before the manager", "creating cdevio DeviceManager",
+              "returning from main", "CDevio::~CDevio", "DeviceManager::~DeviceManager() ... end.",
+              "log thread exiting", "logging is now direct to file"}) {
+            size_t at = indexOf(r, text);
+            ASSERT_NE(at, SIZE_MAX) << text;
+            EXPECT_GT(at, previous) << text;
+            previous = at;
+        }
+        EXPECT_EQ(previous + 1, r.logLines.size()) << r.logLines.back();
+        for (const auto& text : r.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
+
+        ProbeRunner silentRunner;
+        silentRunner.useProgram(program);
+        ProbeResult silent = silentRunner.run({"silent"}, {channelOnStderr});
+        ASSERT_EQ(silent.exitCode, 0) << silent.err;
+        EXPECT_EQ(silent.err, startLine);
+        ASSERT_EQ(silent.logFiles.size(), 1u);
+        ASSERT_FALSE(silent.logLines.empty()) << "an empty file";
+        EXPECT_NE(silent.logLines[0].find("\tdevio::xLogStartup ----"), std::string::npos);
+        EXPECT_LT(indexOf(silent, "procname="), indexOf(silent, "CDevio::~CDevio"));
+        EXPECT_NE(indexOf(silent, "CDevio::~CDevio"), SIZE_MAX);
+        EXPECT_EQ(silent.countLines("log thread exiting"), 0u) << "a log thread started at exit";
+        for (const auto& text : silent.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
+    }
+}
+
 void touch(const fs::path& path, std::chrono::hours age) {
     std::ofstream(path) << "old\n";
     fs::last_write_time(path, fs::file_time_type::clock::now() - age);
@@ -379,7 +528,8 @@ TEST(XLogProcessTest, PurgeCountsAgeFromTheNewestFileOfThisProgramOnly) {
 TEST(XLogProcessTest, NoUsableFolderStillLogsToTheConsole) {
     ProbeRunner runner;
     std::string longTemp = "/" + std::string(300, 'd');
-    ProbeResult r = runner.run({"log"}, {{"TMPDIR", longTemp}, {"DEVIO_LOGTAGS", "+Probe"}});
+    ProbeResult r =
+        runner.run({"log"}, {{"TMPDIR", longTemp}, {"DEVIO_LOGTAGS", "+Probe"}, channelOnStderr});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(
         r.err.find(

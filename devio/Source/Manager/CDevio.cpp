@@ -4,16 +4,23 @@
 
 #include "Base/ErrorRecord.h"
 #include "Manager/DeviceManager.h"
+#include "log_buffer.h"
 #include "xlog.h"
 
 namespace devio {
 
 // Holds the process's facade in storage that outlives every other static.
 // Its destructor runs the exit sequence but never ends the facade's life.
+// The log keeps buffering until the sequence's last line, whichever of the
+// two the process destroys first.
 class CDevioExitGuard {
 public:
     constexpr CDevioExitGuard() : facade() {}
-    ~CDevioExitGuard() { facade.exit_sequence(); }
+    ~CDevioExitGuard() {
+        LogBuffer::exitBegins();
+        facade.exit_sequence();
+        LogBuffer::releaseShutdown();
+    }
 
     union {
         CDevio facade;
@@ -22,6 +29,7 @@ public:
 
 namespace {
 constinit CDevioExitGuard exit_guard;
+[[maybe_unused]] const bool log_held_for_exit = (LogBuffer::holdShutdown(), true);
 }  // namespace
 
 constinit CDevio& cdevio = exit_guard.facade;

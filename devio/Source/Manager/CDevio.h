@@ -22,11 +22,12 @@ class DeviceManager;
 // is held while the manager runs.
 //
 // `cdevio` is constant-initialised, so it is usable before any other static
-// starts, and its exit sequence runs after every dynamically initialised
-// static of the process is gone. Its storage is never destroyed: the exit
-// sequence only marks it destroyed and lets the manager go, so that a call
-// that comes even later still finds a valid object that answers "nothing
-// here".
+// starts. Its exit sequence runs when the process destroys the statics of
+// its own file, before or after those of other files as the link order has
+// it; the log buffers the sequence's lines and ends after them either way.
+// Its storage is never destroyed: the exit sequence only marks it destroyed
+// and lets the manager go, so that a call that comes even later still finds
+// a valid object that answers "nothing here".
 class CDevio : public IDeviceManager {
 public:
     constexpr CDevio() = default;

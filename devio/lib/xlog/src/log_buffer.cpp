@@ -1,9 +1,8 @@
 #include "log_buffer.h"
 
-#include <sched.h>
-
 #include <cstring>
 #include <new>
+#include <thread>
 
 namespace devio {
 
@@ -24,7 +23,7 @@ void takeFlag(std::atomic<uint32_t>& flag) {
             __builtin_ia32_pause();
 #endif
         } else {
-            sched_yield();
+            std::this_thread::yield();
         }
     }
 }

@@ -83,6 +83,19 @@ public:
     // at process exit; safe to call more than once.
     static void shutdown();
 
+    // At process exit, buffering ends once the log facility's own exit hook
+    // has run and every hold has been released, whichever comes last; so the
+    // static objects that take a hold log their exit sequences into the
+    // buffer, in order, whatever the order in which the process destroys its
+    // static objects. A holder takes its hold before main (from a static
+    // initialiser), calls exitBegins() as its exit sequence starts, and
+    // releases the hold after its last line.
+    static void holdShutdown();
+    static void releaseShutdown();
+    // From here on, logging that starts for the first time starts no log
+    // thread: its header and messages go straight to the file.
+    static void exitBegins();
+
     // Test hooks. The sizes of the first buffer of the process (call before
     // the first message); holding the reader keeps the log thread from
     // reading or growing the rings; the number of stored, unread records.

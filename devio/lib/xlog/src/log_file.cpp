@@ -1,22 +1,18 @@
 #include "log_file.h"
 
-#include <fcntl.h>
-#include <stdio_ext.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <ctime>
 #include <new>
 
 #include "log_format.h"
 #include "log_names.h"
+#include "log_platform.h"
 
 namespace devio::xlog {
 
 LogFile::LogFile(uint64_t startMicros, uint64_t startWallMicros, uint32_t processId,
                  std::string processName, std::string nameSpace)
     : startMicros_(startMicros),
-      startWallMicros_(startWallMicros),
+      wallOffset_(static_cast<int64_t>(startWallMicros - startMicros)),
       processId_(processId),
       processName_(std::move(processName)),
       nameSpace_(std::move(nameSpace)) {}
@@ -27,25 +23,16 @@ LogFile::~LogFile() {
 
 bool LogFile::open(const std::string& path) {
     std::lock_guard lock(mutex_);
-    // The folder may sit in a shared temp directory: never follow a link
-    // planted where our file should be.
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    file_ = fdopen(fd, "a");
-    if (file_ == nullptr) {
-        ::close(fd);
-        return false;
-    }
-    return true;
+    file_ = XLogPlatformSpecific::openLogFile(path);
+    return file_ != nullptr;
 }
 
 void LogFile::formatDate(uint64_t timeMicros, char* out, size_t size) {
-    uint64_t wall = startWallMicros_ + (timeMicros - startMicros_);
+    uint64_t wall = timeMicros + static_cast<uint64_t>(wallOffset_.load(std::memory_order_relaxed));
     auto second = static_cast<int64_t>(wall / 1000000);
     if (second != cachedSecond_) {
-        time_t t = static_cast<time_t>(second);
-        tm local{};
-        localtime_r(&t, &local);
+        std::tm local{};
+        XLogPlatformSpecific::localTime(second, local);
         std::strftime(cachedDate_, sizeof cachedDate_, "%Y/%m/%d %H:%M:%S", &local);
         cachedSecond_ = second;
     }
@@ -116,7 +103,11 @@ void LogFile::resetAfterFork(uint32_t processId) {
     // Lines the parent's log thread had formatted but not yet flushed are in
     // our copy of the stream's buffer; the parent writes them, so the child
     // must drop them or they would reach the file twice.
-    if (file_ != nullptr) __fpurge(file_);
+    if (file_ != nullptr) XLogPlatformSpecific::discardUnwritten(file_);
+}
+
+void LogFile::setWallOffset(int64_t offsetMicros) {
+    wallOffset_.store(offsetMicros, std::memory_order_relaxed);
 }
 
 void LogFile::flush() {

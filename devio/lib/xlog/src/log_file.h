@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -20,7 +21,8 @@ class LogFile {
 public:
     // `startMicros` is the monotonic clock at the start of logging, and
     // `startWallMicros` the wall clock at the same moment; a record's time
-    // is printed relative to the first and as a date from the second.
+    // is printed relative to the first and as a date from the second, until
+    // setWallOffset says otherwise.
     LogFile(uint64_t startMicros, uint64_t startWallMicros, uint32_t processId,
             std::string processName, std::string nameSpace);
     ~LogFile();
@@ -40,6 +42,10 @@ public:
 
     void flush();
 
+    // The wall clock less the monotonic clock from now on, in microseconds:
+    // it moves by the time suspended, and when the clock is set.
+    void setWallOffset(int64_t offsetMicros);
+
     // In the child of a fork: the lock may have been held by a thread that
     // does not exist here, and the process id is the child's.
     void resetAfterFork(uint32_t processId);
@@ -54,7 +60,7 @@ private:
     std::mutex mutex_;
     FILE* file_ = nullptr;
     const uint64_t startMicros_;
-    const uint64_t startWallMicros_;
+    std::atomic<int64_t> wallOffset_;
     uint32_t processId_;
     const std::string processName_;
     const std::string nameSpace_;

@@ -1,7 +1,5 @@
 #include "log_format.h"
 
-#include <sys/types.h>
-
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -288,7 +286,7 @@ long long signedArgument(Length length, va_list& args) {
         case Length::ll:
             return va_arg(args, long long);
         case Length::z:
-            return va_arg(args, ssize_t);
+            return va_arg(args, std::make_signed_t<size_t>);
         case Length::j:
             return va_arg(args, intmax_t);
         case Length::t:

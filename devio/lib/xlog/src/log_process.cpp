@@ -127,11 +127,36 @@ void resetAfterFork() {
 
 namespace {
 
+// Constant-initialised, so that a hold taken by another object's static
+// initialiser always counts.
+constinit std::atomic<int> shutdownHolds{0};
+constinit std::atomic<bool> exiting{false};
+constinit std::atomic<bool> exitHookRan{false};
+constinit std::atomic<bool> endedAtExit{false};
+constinit std::atomic<bool> neverBuffered{false};
+
+// Writing straight to the file from here on, with nothing buffered before.
+void writeThroughFromNowOn(LogState& s) {
+    neverBuffered.store(true);
+    s.drainComplete.store(true);
+    s.shutdown.store(true);
+}
+
+void endBufferingAtExit() {
+    if (endedAtExit.exchange(true)) return;
+    if (!isStarted())
+        writeThroughFromNowOn(state());
+    else if (!neverBuffered.load())
+        LogBuffer::shutdown();
+}
+
 // Logging stops buffering when the process ends, after every other static
-// object that might still log has had its chance.
+// object that might still log has had its chance, and after every holder.
 struct ShutdownAtExit {
     ~ShutdownAtExit() {
-        if (isStarted()) LogBuffer::shutdown();
+        exiting.store(true);
+        exitHookRan.store(true);
+        if (shutdownHolds.load() == 0) endBufferingAtExit();
     }
 } shutdownAtExit;
 
@@ -144,6 +169,12 @@ bool logBufferWrite(uint64_t time, uint32_t thread, int level, const char* funct
         if (s.shutdown.load()) return writeDirect(time, thread, level, function, tag, message);
         LogBuffer* buffer = s.current.load();
         if (buffer == nullptr) {
+            // A log thread started now could be cut off by the end of the
+            // process before it has written anything.
+            if (exiting.load()) {
+                writeThroughFromNowOn(s);
+                continue;
+            }
             if (!installFirstBuffer(s)) break;
             continue;
         }
@@ -216,6 +247,19 @@ void LogBuffer::shutdown() {
     xLog(xlog::bufferTag, 4, function, "logging is now direct to file, all tags enabled");
     if (xlog::logConfig().file) xlog::logConfig().file->flush();
     std::fflush(stdout);
+}
+
+void LogBuffer::holdShutdown() {
+    xlog::shutdownHolds.fetch_add(1);
+}
+
+void LogBuffer::releaseShutdown() {
+    if (xlog::shutdownHolds.fetch_sub(1) == 1 && xlog::exitHookRan.load())
+        xlog::endBufferingAtExit();
+}
+
+void LogBuffer::exitBegins() {
+    xlog::exiting.store(true);
 }
 
 void LogBuffer::setInitialSize(size_t entries, size_t bytes) {

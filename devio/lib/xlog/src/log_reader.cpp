@@ -85,6 +85,7 @@ bool anyWriters(const LogState& s) {
 void waitForWork(LogState& s, std::unique_lock<std::mutex>& lock) {
     // Idle moments are when the clock's rate is measured.
     refineClock();
+    logConfig().file->setWallOffset(wallClockOffset());
     s.readerWaiting.store(true, std::memory_order_seq_cst);
     bool claimed = false;
     countOutputs(s);

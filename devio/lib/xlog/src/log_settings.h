@@ -14,6 +14,9 @@ struct LogSettings {
     int loggingoutput = 6;               // bit 0 standard output, bit 1 debug channel, bit 2 file
     int logTagLevel = 3;                 // highest level for standard output and debug channel
     std::optional<std::string> LogTags;  // tag filter tokens, at most 1,024 bytes
+    // Where the debug channel goes: "stderr" for standard error, anything
+    // else (or nothing) the platform's own channel.
+    std::string debugchannel;
 };
 
 // Reads "$XDG_CONFIG_HOME/vantrel/devio.conf" (else "~/.config/vantrel/

@@ -12,8 +12,8 @@ namespace devio::xlog {
 namespace {
 
 constexpr size_t maxTagsLength = 1024;
-const char* const valueNames[] = {"logging", "logginglevel", "loggingoutput", "logTagLevel",
-                                  "LogTags"};
+const char* const valueNames[] = {"logging",     "logginglevel", "loggingoutput",
+                                  "logTagLevel", "LogTags",      "debugchannel"};
 
 std::string trim(const std::string& text) {
     size_t first = text.find_first_not_of(" \t\r\n");
@@ -23,12 +23,16 @@ std::string trim(const std::string& text) {
 }
 
 // Numbers may be written in decimal or, as registry tools show them, in hex
-// with a 0x prefix.
+// with a 0x prefix. A leading zero is only a zero: "010" is ten, as a person
+// editing the file means it, not eight.
 std::optional<int> parseNumber(const std::string& text) {
     if (text.empty()) return std::nullopt;
+    size_t digits = text[0] == '-' || text[0] == '+' ? 1 : 0;
+    bool hex = text.size() > digits + 1 && text[digits] == '0' &&
+               (text[digits + 1] == 'x' || text[digits + 1] == 'X');
     errno = 0;
     char* end = nullptr;
-    long long value = std::strtoll(text.c_str(), &end, 0);
+    long long value = std::strtoll(text.c_str(), &end, hex ? 16 : 10);
     if (errno != 0 || end == text.c_str() || *end != '\0') return std::nullopt;
     if (value < INT_MIN || value > static_cast<long long>(UINT_MAX)) return std::nullopt;
     return static_cast<int>(static_cast<unsigned>(value));
@@ -71,6 +75,10 @@ void readEnvironment(LogSettings& settings) {
 void applyLogSetting(LogSettings& settings, const std::string& name, const std::string& value) {
     if (strcasecmp(name.c_str(), "LogTags") == 0) {
         settings.LogTags = value.substr(0, maxTagsLength);
+        return;
+    }
+    if (strcasecmp(name.c_str(), "debugchannel") == 0) {
+        settings.debugchannel = value;
         return;
     }
     int* target = nullptr;

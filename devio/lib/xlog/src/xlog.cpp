@@ -1,6 +1,5 @@
 #include "xlog.h"
 
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 
@@ -43,7 +42,7 @@ void writeConsole(int outputs, int level, const char* function, std::string_view
         std::fwrite(line, 1, length, stdout);
         if (xlog::isShutDown()) std::fflush(stdout);
     }
-    if (outputs & 2) XLogPlatformSpecific::debugOutput(line, length);
+    if (outputs & 2) XLogPlatformSpecific::debugOutput(tag, line, length);
 }
 
 }  // namespace
@@ -82,7 +81,7 @@ bool xLog(const char* tag, int level, const char* function, const char* format, 
     va_end(args);
     if (nBuf < 0) {
         xAssert(false, "nBuf >= 0", __FILE__, __LINE__);
-        if (XLogPlatformSpecific::debuggerPresent()) std::raise(SIGTRAP);
+        if (XLogPlatformSpecific::debuggerPresent()) XLogPlatformSpecific::debugBreak();
         buffer[0] = '\0';
         nBuf = 0;
     }

@@ -1,6 +1,3 @@
-#include <pthread.h>
-#include <sys/time.h>
-
 #include <chrono>
 #include <ctime>
 #include <mutex>
@@ -54,12 +51,12 @@ using xlog::logConfig;
 
 namespace {
 
-void writeHeader(const std::string& processName, const std::string& exePath, time_t now) {
+void writeHeader(const std::string& processName, const std::string& exePath, int64_t now) {
     xlog::LogConfig& config = logConfig();
     xLog(xlog::startupTag, 2, xlog::startupFunction, "----------------------------------------");
     char when[128];
-    tm local{};
-    localtime_r(&now, &local);
+    std::tm local{};
+    XLogPlatformSpecific::localTime(now, local);
     // The locale's own date and time form is wanted here, whatever its year.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-y2k"
@@ -92,16 +89,16 @@ void xLogStartup() {
         config.enabled.store(false);
         return;
     }
+    XLogPlatformSpecific::chooseDebugChannel(settings.debugchannel);
     config.logginglevel.store(settings.logginglevel);
     config.loggingoutput.store(settings.loggingoutput);
     config.logTagLevel.store(settings.logTagLevel);
     if (settings.LogTags) config.tags.configure(*settings.LogTags);
 
-    timeval wall{};
-    gettimeofday(&wall, nullptr);
+    uint64_t wallMicros = xlog::wallClockMicros();
     config.startMicros = xlog::monotonicMicros();
-    uint64_t wallMicros =
-        static_cast<uint64_t>(wall.tv_sec) * 1000000 + static_cast<uint64_t>(wall.tv_usec);
+    xlog::setWallClockOffset(static_cast<int64_t>(wallMicros - config.startMicros));
+    auto wallSeconds = static_cast<int64_t>(wallMicros / 1000000);
     std::string exePath = XLogPlatformSpecific::executablePath();
     std::string processName = XLogPlatformSpecific::processName(exePath);
     config.file = std::make_unique<xlog::LogFile>(config.startMicros, wallMicros,
@@ -113,9 +110,8 @@ void xLogStartup() {
     if (toFile) {
         folder = XLogPlatformSpecific::logFolder();
         char stamp[32];
-        tm local{};
-        time_t now = wall.tv_sec;
-        localtime_r(&now, &local);
+        std::tm local{};
+        XLogPlatformSpecific::localTime(wallSeconds, local);
         std::strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local);
         char name[256];
         std::snprintf(name, sizeof name, "xlog_%s_%u_%s_%s.dblog", stamp,
@@ -127,8 +123,8 @@ void xLogStartup() {
             folder.clear();
         }
     }
-    pthread_atfork(nullptr, nullptr, xlog::resetAfterFork);
-    writeHeader(processName, exePath, wall.tv_sec);
+    XLogPlatformSpecific::atForkChild(xlog::resetAfterFork);
+    writeHeader(processName, exePath, wallSeconds);
     if (!folder.empty())
         XLogPlatformSpecific::purgeOldLogFiles(folder, processName, xlog::nameSpace);
 }
