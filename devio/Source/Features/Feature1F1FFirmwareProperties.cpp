@@ -24,15 +24,16 @@ constexpr unsigned kSavePropertyCommand = 5;
 constexpr unsigned kResetPropertyCommand = 6;
 constexpr int kUncached = 0;
 constexpr std::size_t kAnswerSize = 16;
-// Requests that name no value carry this in the value's size byte.
+// A write is a list of (id, value size, value) entries, and a change
+// notification one of (id, unused byte, value) entries; either ends at
+// this id. Requests that carry no value put it where the size would be.
+constexpr Byte kListEnd = 0xFF;
 constexpr Byte kNoValue = 0xFF;
 constexpr Byte kValueSize = 4;
 constexpr std::size_t kValueAt = 2;
 constexpr std::size_t kValueEnd = kValueAt + kValueSize;
-constexpr std::size_t kInfoAt = 3;
-// A change notification lists (id, unused byte, value) entries up to this id.
-constexpr Byte kListEnd = 0xFF;
 constexpr std::size_t kEntryHeader = 2;
+constexpr std::size_t kInfoAt = 3;
 
 const FeatureRegistrar registrar(Feature1F1FFirmwareProperties::kId,
                                  &makeFeature<Feature1F1FFirmwareProperties>);
@@ -95,8 +96,8 @@ bool Feature1F1FFirmwareProperties::GetPropertyName(IFeature1F1FFirmwareProperty
     std::vector<Byte> a;
     if (property == nullptr || !propertyCommand(kGetPropertyName, property, {idByte(property)}, a))
         return false;
-    // Every byte of the answer goes into the name, the zero bytes that pad
-    // it included.
+    // The name is the answer as it stands, the zero bytes that pad it
+    // included; the device gives no length.
     std::ostringstream text;
     for (auto it = a.begin() + 1; it != a.end(); ++it) text << static_cast<char>(*it);
     property->setName(text.str());
@@ -118,7 +119,7 @@ bool Feature1F1FFirmwareProperties::SetPropertyValue(IFeature1F1FFirmwarePropert
     request[0] = idByte(property);
     request[1] = kValueSize;
     property->WriteValue(request, kValueAt);
-    request[kValueEnd] = kNoValue;
+    request[kValueEnd] = kListEnd;
     std::vector<Byte> a;
     if (!propertyCommand(kSetPropertyValue, property, request, a)) return false;
     // The device may have clamped the value: keep what it took.
