@@ -29,6 +29,42 @@ std::shared_ptr<devio::IFeature> FeatureBench::loadFeature(unsigned id) {
     return feature;
 }
 
+void EventTrail::add(std::string line) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(std::move(line));
+    threads_.push_back(std::this_thread::get_id());
+    cv_.notify_all();
+}
+
+void EventTrail::onCookieSet(unsigned swid, unsigned short cookie) {
+    add("cookie " + std::to_string(swid) + " " + std::to_string(cookie));
+}
+
+void EventTrail::onBatteryLevelStatus(short level, short nextLevel, short status) {
+    add("battery " + std::to_string(level) + " " + std::to_string(nextLevel) + " " +
+        std::to_string(status));
+}
+
+void EventTrail::onWirelessStatusEvent(bool reconnect, bool configNeeded, bool powerSwitch) {
+    add("wireless " + std::to_string(reconnect) + std::to_string(configNeeded) +
+        std::to_string(powerSwitch));
+}
+
+void EventTrail::onPropertyChanged() {
+    add("changed");
+}
+
+std::vector<std::string> EventTrail::wait(std::size_t n, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cv_.wait_for(lock, timeout, [&] { return lines_.size() >= n; });
+    return lines_;
+}
+
+std::vector<std::thread::id> EventTrail::threads() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return threads_;
+}
+
 std::size_t FeatureBench::sentSinceLastLook() {
     const std::size_t now = rig.rec.sent().size();
     const std::size_t delta = now - seen_;

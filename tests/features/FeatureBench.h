@@ -6,11 +6,16 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "Base/ErrorRecord.h"
 #include "DeviceRig.h"
 #include "Features/FeatureRegistry.h"
 #include "Features/IFeature0000Root.h"
+#include "Features/IFeature0020ConfigChange.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
+#include "Features/IFeature1D4BWirelessStatus.h"
+#include "Features/IFeature1F1FFirmwareProperty.h"
 
 namespace devtest {
 
@@ -39,6 +44,39 @@ public:
 
 private:
     std::size_t seen_ = 0;
+};
+
+// What features tell their subscribers, a line of text per event, with the
+// thread each came on. Events come on the read thread or the run loop's
+// pump; the owner reads them after waiting.
+class EventTrail : public devio::Subscriber<devio::IFeature0020ConfigChange::ConfigReport>,
+                   public devio::Subscriber<devio::IFeature1000BatteryUnifiedLevelStatus::Report>,
+                   public devio::Subscriber<devio::IFeature1D4BWirelessStatus::Report>,
+                   public devio::Subscriber<devio::IFeature1F1FFirmwareProperty::Notification> {
+public:
+    // Subscribes to the events `Event` of `object`.
+    template <class Event, class Object>
+    bool join(const std::shared_ptr<Object>& object, int delivery) {
+        return devio::Subscriber<Event>::subscribe(
+            std::dynamic_pointer_cast<typename Event::Interface>(object), delivery);
+    }
+
+    void onCookieSet(unsigned swid, unsigned short cookie) override;
+    void onBatteryLevelStatus(short level, short nextLevel, short status) override;
+    void onWirelessStatusEvent(bool reconnect, bool configNeeded, bool powerSwitch) override;
+    void onPropertyChanged() override;
+
+    // The events so far, once there are at least `n` (or the time is up).
+    std::vector<std::string> wait(std::size_t n, std::chrono::milliseconds timeout = 3000ms);
+    // The threads that delivered them, in order.
+    std::vector<std::thread::id> threads();
+
+private:
+    void add(std::string line);
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::string> lines_;
+    std::vector<std::thread::id> threads_;
 };
 
 // One corded device in the simulator's description language, with the

@@ -17,6 +17,12 @@
 #include "Features/Feature0000Root.h"
 #include "Features/Feature0001FeatureSet.h"
 #include "Features/Feature0003FirmwareInfo.h"
+#include "Features/Feature0005DeviceNameType.h"
+#include "Features/Feature0007DeviceFriendlyName.h"
+#include "Features/Feature0020ConfigChange.h"
+#include "Features/Feature1000BatteryUnifiedLeveStatus.h"
+#include "Features/Feature1D4BWirelessStatus.h"
+#include "Features/Feature1F1FFirmwareProperties.h"
 #include "Features/IFeature0001FeatureSet.h"
 #include "Features/IFeature0003FirmwareInfo.h"
 #include "xlog.h"
@@ -189,16 +195,27 @@ TEST(Framework, TypedCallsOnShortAndOddAnswers) {
     EXPECT_EQ(text, "0102");
 }
 
-// The three classes every device needs come from the registry; an id
-// without a class makes a plain feature. The index is a byte either way.
+// Every class the library has comes from the registry; an id without a
+// class makes a plain feature. The index is a byte either way.
 TEST(Framework, RegistryMakesEachKnownClassAndPlainFeaturesOtherwise) {
     Scripted s;
-    EXPECT_TRUE(
-        std::dynamic_pointer_cast<devio::Feature0000Root>(devio::createFeature(0x0000, 0, s.dev)));
-    EXPECT_TRUE(std::dynamic_pointer_cast<devio::Feature0001FeatureSet>(
-        devio::createFeature(0x0001, 1, s.dev)));
-    EXPECT_TRUE(std::dynamic_pointer_cast<devio::Feature0003FirmwareInfo>(
-        devio::createFeature(0x0003, 2, s.dev)));
+    const std::pair<unsigned, const std::type_info*> classes[] = {
+        {0x0000, &typeid(devio::Feature0000Root)},
+        {0x0001, &typeid(devio::Feature0001FeatureSet)},
+        {0x0003, &typeid(devio::Feature0003FirmwareInfo)},
+        {0x0005, &typeid(devio::Feature0005DeviceNameType)},
+        {0x0007, &typeid(devio::Feature0007DeviceFriendlyName)},
+        {0x0020, &typeid(devio::Feature0020ConfigChange)},
+        {0x1000, &typeid(devio::Feature1000BatteryUnifiedLeveStatus)},
+        {0x1D4B, &typeid(devio::Feature1D4BWirelessStatus)},
+        {0x1F1F, &typeid(devio::Feature1F1FFirmwareProperties)},
+    };
+    for (const auto& [id, type] : classes) {
+        auto feature = devio::createFeature(id, 7, s.dev);
+        ASSERT_TRUE(feature);
+        EXPECT_EQ(typeid(*feature), *type) << id;
+        EXPECT_EQ(feature->featureId(), id);
+    }
     auto unknown = devio::createFeature(0xBEEF, 0x302, s.dev);
     ASSERT_TRUE(unknown);
     EXPECT_EQ(typeid(*unknown), typeid(devio::Feature));
@@ -242,13 +259,17 @@ TEST(Framework, InclusionIsLoggedOncePerFeature) {
         devio::IFeatureForceInclusion0000 again0;
         devio::IFeatureForceInclusion0001 again1;
         devio::IFeatureForceInclusion0003 again3;
+        devio::IFeatureForceInclusion1F1F again1F1F;
     }
     static int round = 0;
     const std::string marker =
         "inclusion check " + std::to_string(::getpid()) + "." + std::to_string(++round);
     devio::xLog("FeatureTest", 0, "devtest::InclusionIsLoggedOncePerFeature", "%s", marker.c_str());
     for (const char* text : {"Devio: Feature0000 included", "Devio: Feature0001 included",
-                             "Devio: Feature0003 included"}) {
+                             "Devio: Feature0003 included", "Devio: Feature0005 included",
+                             "Devio: Feature0007 included", "Devio: Feature0020 included",
+                             "Devio: Feature1000 included", "Devio: Feature1D4B included",
+                             "Devio: Feature1F1F included"}) {
         SCOPED_TRACE(text);
         const auto count = countLoggedAfter(marker, text);
         ASSERT_TRUE(count.has_value()) << "the log never showed the marker";

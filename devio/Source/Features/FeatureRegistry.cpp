@@ -6,11 +6,18 @@
 
 #include "Features/Feature.h"
 #include "xlog.h"
-// The features that every device needs to be found at all; including their
-// interfaces here keeps them linked into any program that makes features.
+// Every feature the library has a class for; including their interfaces
+// here keeps them linked into any program that makes features, so that
+// `createFeature` makes each of them whatever the program itself includes.
 #include "Features/IFeature0000Root.h"
 #include "Features/IFeature0001FeatureSet.h"
 #include "Features/IFeature0003FirmwareInfo.h"
+#include "Features/IFeature0005DeviceNameType.h"
+#include "Features/IFeature0007DeviceFriendlyName.h"
+#include "Features/IFeature0020ConfigChange.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
+#include "Features/IFeature1D4BWirelessStatus.h"
+#include "Features/IFeature1F1FFirmwareProperties.h"
 
 namespace devio {
 

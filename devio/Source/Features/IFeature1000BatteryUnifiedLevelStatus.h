@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstdint>
+
 namespace devio {
 
-// Feature 0x1000: battery level and charging status.
+// Feature 0x1000: battery level and charging status, asked for or told by
+// the device when they change. The values are the device's own; the library
+// does not interpret them. Out-parameters may be null.
 class IFeature1000BatteryUnifiedLevelStatus {
 public:
     class Report {
@@ -18,6 +22,15 @@ public:
     };
 
     virtual ~IFeature1000BatteryUnifiedLevelStatus() = default;
+
+    // Always asked of the device.
+    virtual bool GetBatteryLevelStatus(std::uint16_t* BatteryDischargeLevel,
+                                       std::uint16_t* BatteryDischargeNextLevel,
+                                       std::uint16_t* BatteryStatus) = 0;
+    // Constant for a firmware: may come from the cache of responses.
+    virtual bool GetBatteryCapability(std::uint16_t* NumberOfLevels, std::uint16_t* Flags,
+                                      std::uint32_t* NominalBatteryLife,
+                                      std::uint32_t* BatteryCriticalLevel) = 0;
 };
 
 // The producing class is spelled "Leve" and its event name with it; log
@@ -27,5 +40,11 @@ inline constexpr IFeature1000BatteryUnifiedLevelStatus::Report::Names
     Feature1000BatteryUnifiedLeveStatusReport{
         "Feature1000BatteryUnifiedLeveStatus::Report::onBatteryLevelStatus"};
 }  // namespace event_names
+
+class IFeatureForceInclusion1000 {
+public:
+    IFeatureForceInclusion1000();
+};
+[[maybe_unused]] static const IFeatureForceInclusion1000 featureForceInclusion1000;
 
 }  // namespace devio
