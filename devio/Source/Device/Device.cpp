@@ -1,5 +1,5 @@
 // Device: construction, the start of its hardware side, and the calls that
-// only forward to the hardware device.
+// only forward to the hardware device or to the software ids.
 
 #include "Device/Device.h"
 
@@ -126,6 +126,17 @@ bool Device::on_subscribe(IDevice::WriteReport* /*subscriber*/) {
                   static_cast<int>(error_record().err));
     }
     return true;
+}
+
+unsigned Device::swid() {
+    return swids.current(manager_);
+}
+
+unsigned Device::apply_swid_switch() {
+    if (unsigned chosen = 0; swids.apply_switch(chosen)) {
+        DEVIO_LOG("Device", 2, "apply_swid_switch", "switching to swid 0x%x", chosen);
+    }
+    return swid();
 }
 
 unsigned Device::rand_range(unsigned low, int high) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -16,6 +15,7 @@
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
 #include "Device/IDevice.h"
+#include "Device/SoftwareIds.h"
 #include "Device/VxpReport.h"
 #include "Features/IFeature.h"
 #include "Manager/IDeviceManager.h"
@@ -155,7 +155,6 @@ private:
     // Needs `command_mutex`; true when the report completed the command.
     bool complete_pending(const std::vector<Byte>& report);
     ReportType classify_other_software(const std::vector<Byte>& report);
-    void note_other_swid(unsigned sw);
     void finish_exchange_locked(const std::vector<Byte>& report);
 
     // The engine's pieces.
@@ -187,16 +186,10 @@ private:
     std::atomic<bool> read_path_ready{false};
 
     // Report routing.
-    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;
+    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;  // guarded by features_mutex
     std::mutex features_mutex;
-    std::atomic<bool> switch_swid{false};
-    // Written under `swid_mutex`; atomic so that the engine reads the id in
-    // use without a lock.
-    std::atomic<std::uint32_t> swid_{0};
-    std::array<std::uint32_t, 16> swid_last_used{};
-    std::uint32_t swid_use_counter = 0;
-    std::mutex swid_mutex;
-    std::int64_t last_report_time = 0;
+    SoftwareIds swids;
+    std::int64_t last_report_time = 0;  // guarded by last_report_mutex
     std::mutex last_report_mutex;
 
     // Command engine.

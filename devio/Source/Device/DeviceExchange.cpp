@@ -71,7 +71,7 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     if (!abandoned && !is_removed) ensure_read_path();
     std::unique_lock<std::mutex> lock(command_mutex);
     // Our id is in use by another program: the retry's ping picks a new one.
-    if (switch_swid && feature_based()) return exchange_failed(SwidCollision, swid());
+    if (swids.switch_requested() && feature_based()) return exchange_failed(SwidCollision, swid());
     if (real_command) hwdev->before_command();
     pending_command = command;
     read_completed = false;

@@ -162,10 +162,10 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
                   "Report is an unexpected command response with our swid 0x%x, so we will switch "
                   "our swid",
                   sw);
-        switch_swid = true;
+        swids.request_switch();
         need_ping = true;
     }
-    note_other_swid(sw);
+    swids.note_other(sw);
     auto feature = feature_at(report[2]);
     if (feature) {
         if (active) {

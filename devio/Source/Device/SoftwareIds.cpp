@@ -1,8 +1,9 @@
-// Device: the software id that marks our commands, and the move to another
-// one when some other program on the machine turns out to use ours.
+// The software id that marks our commands, and the move to another one when
+// some other program on the machine turns out to use ours.
 
-#include "Base/ClassLog.h"
-#include "Device/Device.h"
+#include "Device/SoftwareIds.h"
+
+#include "Manager/IDeviceManager.h"
 
 namespace devio {
 
@@ -11,37 +12,36 @@ namespace {
 constexpr unsigned kFallbackSwid = 15;
 }  // namespace
 
-unsigned Device::swid() {
-    if (const unsigned id = swid_.load(); id != 0) return id;
+unsigned SoftwareIds::current(const std::weak_ptr<IDeviceManager>& manager) {
+    if (const unsigned id = swid.load(); id != 0) return id;
     std::lock_guard<std::mutex> lock(swid_mutex);
-    if (swid_ == 0) {
-        if (auto manager = manager_.lock()) swid_ = manager->swid() & 0x0Fu;
+    if (swid == 0) {
+        if (auto owner = manager.lock()) swid = owner->swid() & 0x0Fu;
     }
-    const unsigned id = swid_;
+    const unsigned id = swid;
     return id != 0 ? id : kFallbackSwid;
 }
 
-unsigned Device::apply_swid_switch() {
-    if (switch_swid) {
-        std::lock_guard<std::mutex> lock(swid_mutex);
-        // The id that other programs used least lately; on a tie the higher
-        // id, since programs that pick an id tend to pick a low one.
-        unsigned best_id = 0;
-        std::uint32_t best = swid_use_counter;
-        for (unsigned id = 1; id < swid_last_used.size(); ++id) {
-            if (swid_last_used[id] <= best) {
-                best = swid_last_used[id];
-                best_id = id;
-            }
+bool SoftwareIds::apply_switch(unsigned& chosen) {
+    if (!switch_swid) return false;
+    std::lock_guard<std::mutex> lock(swid_mutex);
+    // The id that other programs used least lately; on a tie the higher id,
+    // since programs that pick an id tend to pick a low one.
+    unsigned best_id = 0;
+    std::uint32_t best = swid_use_counter;
+    for (unsigned id = 1; id < swid_last_used.size(); ++id) {
+        if (swid_last_used[id] <= best) {
+            best = swid_last_used[id];
+            best_id = id;
         }
-        swid_ = best_id;
-        switch_swid = false;
-        DEVIO_LOG("Device", 2, "apply_swid_switch", "switching to swid 0x%x", best_id);
     }
-    return swid();
+    swid = best_id;
+    switch_swid = false;
+    chosen = best_id;
+    return true;
 }
 
-void Device::note_other_swid(unsigned sw) {
+void SoftwareIds::note_other(unsigned sw) {
     std::lock_guard<std::mutex> lock(swid_mutex);
     ++swid_use_counter;
     swid_last_used[sw & 0x0Fu] = swid_use_counter;
