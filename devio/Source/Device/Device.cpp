@@ -25,11 +25,11 @@ Device::Device(std::shared_ptr<IHardwareDevice> hw)
 
 Device::~Device() {
     // The timer's thread and its queued event must not outlive us.
-    if (cache_write_timer) {
-        Subscriber<ITimer::TimerEvent>::unsubscribe(cache_write_timer);
-        cache_write_timer->stop();
+    if (auto timer = cache.write_timer()) {
+        Subscriber<ITimer::TimerEvent>::unsubscribe(timer);
+        timer->stop();
     }
-    if (cache_dirty) perform_cache_write();
+    if (cache.dirty()) perform_cache_write();
     // Our members die before our Subscriber bases would leave the hardware
     // device's producers: leave them first, which also waits for a delivery
     // that the read thread is running in us.

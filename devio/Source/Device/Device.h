@@ -15,8 +15,8 @@
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
 #include "Device/IDevice.h"
+#include "Device/ResponseCache.h"
 #include "Device/SoftwareIds.h"
-#include "Device/VxpReport.h"
 #include "Features/IFeature.h"
 #include "Manager/IDeviceManager.h"
 
@@ -27,6 +27,12 @@ namespace devio {
 // into one blocking call that survives lost answers, other programs on the
 // same link and other processes of this library.
 //
+// Device coordinates units that each keep their own lock: the software id
+// (`SoftwareIds`, `swid_mutex`) and the cache of responses with its file
+// (`ResponseCache`, `cache_mutex`). Of its own it keeps `device_mutex`, the
+// command in flight (`command_mutex`), the feature table, the time of the
+// last report and the start of the hardware side.
+//
 // Threads:
 // - Callers of the command engine: any host thread, the run-loop pump.
 //   They take `device_mutex` (shared with every process by name), then
@@ -36,9 +42,8 @@ namespace devio {
 //   `last_report_mutex`, `features_mutex`, `command_mutex` and `swid_mutex`
 //   each alone, one after the other, and holds none while it hands a report
 //   to a feature.
-// - `cache_mutex` guards the cache of responses, the firmware text it
-//   belongs to and the cache directory, and is never held with another
-//   lock, so a cache hit costs one uncontended lock.
+// - `cache_mutex` is never held with another lock, so a cache hit costs one
+//   uncontended lock.
 // - `cache_write_timer` is delivered on the host's pumping thread, which
 //   writes the cache file from a copy taken under `cache_mutex`.
 // - `hw_start_mutex` guards the start of the hardware side and is held while
@@ -205,29 +210,20 @@ private:
     NamedMutex device_mutex{std::string(), false};
     std::atomic<bool> need_ping{false};
     std::atomic<bool> need_fw_check{false};
-    std::map<std::vector<Byte>, std::vector<Byte>, vxp::CacheKeyLess> response_cache;
-    std::mutex cache_mutex;
-    bool cache_dirty = false;  // guarded by cache_mutex
-    std::shared_ptr<ITimer> cache_write_timer;
+    ResponseCache cache;
     bool brb_enabled = false;
     std::atomic<bool> brb_active{false};
 
-    // Firmware check: the firmware text that the cache belongs to; guarded
-    // by cache_mutex.
-    std::string fwinfo;
-
-    // Feature loading and the feature cache file. The loading state is
-    // written by the threads that load; atomic, so that two host threads
-    // loading at once only repeat work.
+    // Feature loading. The loading state is written by the threads that
+    // load; atomic, so that two host threads loading at once only repeat
+    // work.
     std::atomic<std::uint32_t> feature_root_state{0};  // 0 unknown, 1 not VXP 2.0, 2 loaded
     std::atomic<bool> all_features_loaded{false};
     // The check sends commands, whose retries may ask for the check again.
     std::atomic<bool> in_fw_check{false};
-    std::string cache_dir;  // with its trailing separator; guarded by cache_mutex
     // The firmware entity that was running when last asked.
     std::atomic<std::uint32_t> fw_entity{0};
 
-    void set_fwinfo(const std::string& text);
     std::shared_ptr<IFeature> stored_feature(unsigned index);
     // Makes the object of a feature that the device's table lists, unless
     // the table already holds it, and fills in its record.

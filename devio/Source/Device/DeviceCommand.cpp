@@ -32,14 +32,9 @@ const Device::Match kPingMatch{2};
 }  // namespace
 
 bool Device::cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& out) {
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        auto found = response_cache.find(vxp::CacheProbe{command});
-        if (found == response_cache.end()) {
-            DEVIO_LOG("Device", 3, "sendSynchronousCommand", "requested command not in cache:");
-            return false;
-        }
-        out = found->second;
+    if (!cache.lookup(command, out)) {
+        DEVIO_LOG("Device", 3, "sendSynchronousCommand", "requested command not in cache:");
+        return false;
     }
     if (out.size() > 3) out[3] = vxp::with_swid(out[3], swid());
     DEVIO_LOG("Device", 2, "sendSynchronousCommand",
@@ -52,13 +47,7 @@ void Device::cache_store(const std::vector<Byte>& command, const std::vector<Byt
     if (command.size() < 4 || answer.size() < 4 || command[2] >= vxp::kFirstUncachedIndex) return;
     // An answer under another id is another program's business.
     if (vxp::swid_of(command[3]) != id || vxp::swid_of(answer[3]) != id) return;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        response_cache[vxp::cache_key(command)] = vxp::cache_key(answer);
-        cache_dirty = true;
-    }
-    // One file write for a whole burst of discovery.
-    if (cache_write_timer) cache_write_timer->reset(10000);
+    cache.store(command, answer);
 }
 
 bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_over) {
