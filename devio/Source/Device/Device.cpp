@@ -55,7 +55,7 @@ bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     if (hwdev->bustype() == kBusTypeReceiver) {
         bool enabled = false;
         if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
-            brb_enabled = true;
+            exchange.enable_brb();
             DEVIO_LOG("Device", 2, "initDevice",
                       "This braid device enabling the brb workaround, pid=0x%x",
                       static_cast<unsigned>(product));

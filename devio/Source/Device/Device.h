@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -15,6 +14,7 @@
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
 #include "Device/IDevice.h"
+#include "Device/PendingExchange.h"
 #include "Device/ResponseCache.h"
 #include "Device/SoftwareIds.h"
 #include "Features/IFeature.h"
@@ -27,11 +27,12 @@ namespace devio {
 // into one blocking call that survives lost answers, other programs on the
 // same link and other processes of this library.
 //
-// Device coordinates units that each keep their own lock: the software id
+// Device coordinates units that each keep their own lock: the command in
+// flight (`PendingExchange`, `command_mutex`), the software id
 // (`SoftwareIds`, `swid_mutex`) and the cache of responses with its file
 // (`ResponseCache`, `cache_mutex`). Of its own it keeps `device_mutex`, the
-// command in flight (`command_mutex`), the feature table, the time of the
-// last report and the start of the hardware side.
+// feature table, the time of the last report and the start of the hardware
+// side.
 //
 // Threads:
 // - Callers of the command engine: any host thread, the run-loop pump.
@@ -157,10 +158,9 @@ private:
     // The read path, in the order it tests a report.
     std::shared_ptr<IFeature> feature_at(unsigned index);
     bool deliver_notification(const std::vector<Byte>& report);
-    // Needs `command_mutex`; true when the report completed the command.
-    bool complete_pending(const std::vector<Byte>& report);
+    // Under `hold`; true when the report completed the command.
+    bool complete_pending(const PendingExchange::Hold& hold, const std::vector<Byte>& report);
     ReportType classify_other_software(const std::vector<Byte>& report);
-    void finish_exchange_locked(const std::vector<Byte>& report);
 
     // The engine's pieces.
     bool ping(const std::vector<Byte>& command, int attempt, bool& start_over);
@@ -199,20 +199,13 @@ private:
 
     // Command engine.
     std::atomic<bool> abandoned{false};
-    Match match_indices, prev_match_indices;
-    std::vector<Byte> pending_command, prev_command, response;
-    bool read_completed = true;
-    bool initiated_brb_workaround = false;
-    std::mutex command_mutex;
-    std::condition_variable command_cv;
+    PendingExchange exchange;
     const std::int32_t response_timeout_ms = 3000;
     const std::int32_t retries = 10;
     NamedMutex device_mutex{std::string(), false};
     std::atomic<bool> need_ping{false};
     std::atomic<bool> need_fw_check{false};
     ResponseCache cache;
-    bool brb_enabled = false;
-    std::atomic<bool> brb_active{false};
 
     // Feature loading. The loading state is written by the threads that
     // load; atomic, so that two host threads loading at once only repeat
