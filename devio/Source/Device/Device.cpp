@@ -20,8 +20,8 @@ constexpr unsigned kBrbConfigItem = 7;
 constexpr int kBusTypeReceiver = 1;
 }  // namespace
 
-Device::Device(std::shared_ptr<IHardwareDevice> hw)
-    : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
+Device::Device(std::shared_ptr<IHardwareDevice> hw, const ExchangeTiming& timing)
+    : hwdev(std::move(hw)), hw_path(hwdev->path()), exchange_timing(timing) {}
 
 Device::~Device() {
     // The timer's thread and its queued event must not outlive us.

@@ -13,6 +13,7 @@
 #include "Base/Producer.h"
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
+#include "Device/ExchangeTiming.h"
 #include "Device/IDevice.h"
 #include "Device/PendingExchange.h"
 #include "Device/ResponseCache.h"
@@ -66,7 +67,8 @@ class Device : public IDevice,
 public:
     using Match = std::vector<std::uint32_t>;
 
-    explicit Device(std::shared_ptr<IHardwareDevice> hwdev);
+    // Only a test rig passes a timing other than the product's.
+    explicit Device(std::shared_ptr<IHardwareDevice> hwdev, const ExchangeTiming& timing = {});
     ~Device() override;
 
     // IDevice
@@ -200,8 +202,8 @@ private:
     // Command engine.
     std::atomic<bool> abandoned{false};
     PendingExchange exchange;
-    const std::int32_t response_timeout_ms = 3000;
-    const std::int32_t retries = 10;
+    // The product's values, unless a test rig passed others.
+    const ExchangeTiming exchange_timing;
     NamedMutex device_mutex{std::string(), false};
     std::atomic<bool> need_ping{false};
     std::atomic<bool> need_fw_check{false};

@@ -104,7 +104,8 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     }
 
     const auto started = std::chrono::steady_clock::now();
-    const bool answered = exchange.wait(hold, std::chrono::milliseconds(response_timeout_ms));
+    const bool answered =
+        exchange.wait(hold, std::chrono::milliseconds(exchange_timing.response_timeout_ms));
     const auto elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - started)
                                 .count();
@@ -125,7 +126,7 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
         DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
                   "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, "
                   "timeout was %d ms",
-                  static_cast<int>(elapsed_ms), response_timeout_ms);
+                  static_cast<int>(elapsed_ms), exchange_timing.response_timeout_ms);
         if (!hwdev->verify_connection_following_timeout()) {
             DEVIO_LOG(
                 "Device", 1, "sendSynchronousCommandWithoutRetry",
