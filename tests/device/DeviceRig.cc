@@ -122,8 +122,9 @@ void use_own_lock_directory() {
 }
 }  // namespace
 
-DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* description)
-    : machine(description), feature_based_(feature_based) {
+DeviceRig::DeviceRig(bool feature_based, bool behind_receiver, const char* description,
+                     const devio::ExchangeTiming& timing)
+    : machine(description), feature_based_(feature_based), timing_(timing) {
     use_own_lock_directory();
     // The bus makes the device, as at arrival: its path is then the one
     // that the bus recognises when asked whether the device still exists.
@@ -140,7 +141,8 @@ DeviceRig::~DeviceRig() {
 
 devio::Device& DeviceRig::restart() {
     stop();
-    dev = slot ? std::make_shared<devio::Device>(slot) : std::make_shared<devio::Device>(hw);
+    dev = slot ? std::make_shared<devio::Device>(slot, timing_)
+               : std::make_shared<devio::Device>(hw, timing_);
     dev->initDevice(devio::cdevio.manager());
     if (feature_based_) {
         feature = std::make_shared<RecordingFeature>(0x0020, kCookieIndex, dev);

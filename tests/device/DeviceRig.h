@@ -26,6 +26,13 @@ using namespace std::chrono_literals;
 extern const char* const kMouseMachine;
 inline constexpr std::uint8_t kCookieIndex = 5;
 
+// The engine's timing for tests about its logic rather than its values: a
+// lost answer costs half a second, still far above any answer's round trip
+// on a loaded machine; the backoff before a retry's ping doubles from 1 ms,
+// without jitter; the number of passes is the product's.
+inline constexpr devio::ExchangeTiming kQuickExchanges{
+    .response_timeout_ms = 500, .ping_delay_ms = 1, .ping_jitter_ms = 0};
+
 // What a Device reports, in order, with the time it was seen.
 class Recorder : public devio::Subscriber<devio::IDevice::WriteReport>,
                  public devio::Subscriber<devio::IDevice::Report> {
@@ -120,13 +127,14 @@ private:
     std::shared_ptr<devio::IHardwareDevice> inner_;
 };
 
-// A simulated mouse with one Device over it. A restart ends the Device as a
-// program's exit does and makes a new one over the same hardware, as the
-// program's next start would.
+// A simulated mouse with one Device over it, on the product's timing unless
+// told otherwise. A restart ends the Device as a program's exit does and
+// makes a new one over the same hardware, as the program's next start would.
 class DeviceRig {
 public:
     explicit DeviceRig(bool feature_based = true, bool behind_receiver = false,
-                       const char* machine = kMouseMachine);
+                       const char* machine = kMouseMachine,
+                       const devio::ExchangeTiming& timing = {});
     ~DeviceRig();
 
     devio::Device& restart();
@@ -143,6 +151,7 @@ public:
 
 private:
     bool feature_based_;
+    devio::ExchangeTiming timing_;
 };
 
 // Root function 0 for feature id 0x0020: a constant query.

@@ -14,28 +14,50 @@ namespace {
 
 using devio::ErrorCode;
 
+// For each failed exchange, the milliseconds until the next report went out:
+// the backoff before a retry's ping, or nothing much before a resend.
+std::vector<long long> gaps_after_failures(Recorder& rec) {
+    const auto events = rec.events();
+    std::vector<long long> gaps;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        if (!events[i].is_write || !events[i].report.empty()) continue;
+        for (std::size_t j = i + 1; j < events.size(); ++j) {
+            if (events[j].is_write && !events[j].report.empty()) {
+                gaps.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(events[j].at -
+                                                                                     events[i].at)
+                                   .count());
+                break;
+            }
+        }
+    }
+    return gaps;
+}
+
 // A lost answer, or one under another program's software id, costs one
 // time-out. A device with features is then pinged before the command goes
-// out again; one without is sent the command again at once.
+// out again; one without is sent the command again at once. The first case
+// runs on the product's timing: a time-out of 3000 ms, and a first backoff
+// of 20 ms plus a jitter below 500 ms.
 TEST(Engine, MissingAnswersAreRetried) {
     struct Case {
         const char* fault;
         bool feature_based;
         std::size_t misses;
+        devio::ExchangeTiming timing;
     };
-    for (const Case& c :
-         {Case{"fault mouse drop 1", true, 1}, Case{"fault mouse swid 3 1", true, 1},
-          Case{"fault mouse drop 2", false, 2}}) {
+    for (const Case& c : {Case{"fault mouse drop 1", true, 1, {}},
+                          Case{"fault mouse swid 3 1", true, 1, kQuickExchanges},
+                          Case{"fault mouse drop 2", false, 2, kQuickExchanges}}) {
         SCOPED_TRACE(c.fault);
-        DeviceRig rig(c.feature_based);
+        DeviceRig rig(c.feature_based, false, kMouseMachine, c.timing);
         rig.sim(c.fault);
         Bytes answer;
         const auto start = Clock::now();
         ASSERT_TRUE(rig.dev->sendSynchronousCommand(get_feature_0020(), answer, 0, {}));
         const long long took = ms_since(start);
-        // Time-outs of 3000 ms, and a ping after 20 ms plus jitter.
-        EXPECT_GE(took, 2900 * static_cast<long long>(c.misses));
-        EXPECT_LT(took, 8000 * static_cast<long long>(c.misses));
+        const auto misses = static_cast<long long>(c.misses);
+        EXPECT_GE(took, (c.timing.response_timeout_ms - 100) * misses);
+        EXPECT_LT(took, (c.timing.response_timeout_ms + 5000) * misses);
         EXPECT_EQ(answer.at(4), kCookieIndex);
         EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>(c.misses, devio::NoResponse));
         const auto sent = rig.rec.sent();
@@ -47,6 +69,10 @@ TEST(Engine, MissingAnswersAreRetried) {
             EXPECT_GE(sent[1][6], 16);
             EXPECT_EQ(answer.at(3) & 0x0F, rig.dev->swid());
             EXPECT_NE(rig.dev->swid(), 3u);
+            const auto gaps = gaps_after_failures(rig.rec);
+            ASSERT_EQ(gaps.size(), 1u);
+            EXPECT_GE(gaps[0], c.timing.ping_delay_ms << 1);
+            EXPECT_LT(gaps[0], (c.timing.ping_delay_ms << 1) + c.timing.ping_jitter_ms + 1500);
         } else {
             EXPECT_EQ(sent[1], sent[0]) << "no ping without features";
             EXPECT_EQ(sent[0][3] & 0x0F, 0) << "the caller's software id is left alone";
@@ -95,7 +121,7 @@ TEST(Engine, ErrorBytesRetryOrFailAtOnce) {
 }
 
 TEST(Engine, MismatchedPayloadDoesNotComplete) {
-    DeviceRig rig(false);
+    DeviceRig rig(false, false, kMouseMachine, kQuickExchanges);
     Bytes answer;
     ASSERT_TRUE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x21), answer, {2}, true));
     EXPECT_EQ(answer.at(6), 0x21);
@@ -109,7 +135,7 @@ TEST(Engine, MismatchedPayloadDoesNotComplete) {
     const auto start = Clock::now();
     EXPECT_FALSE(rig.dev->sendSynchronousCommandWithoutRetry(ping_report(0x22), answer, {2}, true));
     EXPECT_EQ(devio::error_record().err, devio::NoResponse);
-    EXPECT_GE(ms_since(start), 2900);
+    EXPECT_GE(ms_since(start), kQuickExchanges.response_timeout_ms - 100);
     bool stale_seen = false;
     for (const auto& e : rig.rec.events()) {
         if (!e.is_write && e.report.at(6) == 0x21) {
@@ -200,9 +226,13 @@ TEST(Engine, FailedWriteAndRemovedDeviceFailAtOnce) {
     EXPECT_TRUE(rig.rec.sent().empty());
 }
 
-// Slow by nature: eleven passes of 3000 ms plus the growing ping delays.
-TEST(EngineSlow, DeviceThatNeverAnswersFailsAfterElevenPasses) {
-    DeviceRig rig;
+// Eleven passes, the product's number, each a time-out and then a ping
+// after a backoff that doubles. Nothing ever answers, so the time-out may be
+// short.
+TEST(Engine, DeviceThatNeverAnswersFailsAfterElevenPasses) {
+    devio::ExchangeTiming timing = kQuickExchanges;
+    timing.response_timeout_ms = 100;
+    DeviceRig rig(true, false, kMouseMachine, timing);
     rig.sim("fault mouse drop on");
     Bytes answer;
     const auto start = Clock::now();
@@ -210,15 +240,17 @@ TEST(EngineSlow, DeviceThatNeverAnswersFailsAfterElevenPasses) {
     const long long took = ms_since(start);
     EXPECT_EQ(devio::error_record().err, devio::NoResponse);
     EXPECT_EQ(devio::error_record().sys, 0u);
-    // 11 x 3000 ms of waiting, and 20 + 40 + ... + 10240 ms of delays.
-    EXPECT_GE(took, 33000 + 20460 - 200);
-    // Jitter adds up to 10 x 499 ms; the rest is slack for a loaded machine.
-    EXPECT_LT(took, 33000 + 20460 + 10 * 500 + 20000);
+    // 11 time-outs, and backoffs of 2 + 4 + ... + 1024 ms.
+    EXPECT_GE(took, 11 * timing.response_timeout_ms + 2046 - 50);
+    EXPECT_LT(took, 11 * timing.response_timeout_ms + 2046 + 20000);
     const auto sent = rig.rec.sent();
     ASSERT_EQ(sent.size(), 11u);
     EXPECT_EQ(sent[0][3] >> 4, 0) << "the command itself goes out once";
     for (std::size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(sent[i][3] >> 4, 1) << "ping " << i;
     EXPECT_EQ(rig.rec.failures(), std::vector<ErrorCode>(11, devio::NoResponse));
+    const auto gaps = gaps_after_failures(rig.rec);
+    ASSERT_EQ(gaps.size(), 10u) << "no ping after the last pass";
+    for (std::size_t i = 0; i < gaps.size(); ++i) EXPECT_GE(gaps[i], 2 << i) << "backoff " << i;
 }
 
 }  // namespace

@@ -22,7 +22,8 @@ const char* const kDozenFeatures = R"({"devices": [{"id": "mouse", "name": "Test
         {"type": 1, "prefix": "BOT", "version": "0x0102", "build": "0x0007", "rdnf": 0}],
     "entity_info": {"unit_id": "0x1234ABCD"}}]})";
 
-Session::Session(const char* machine_json) : DeviceRig(false, false, machine_json) {
+Session::Session(const char* machine_json, const devio::ExchangeTiming& timing)
+    : DeviceRig(false, false, machine_json, timing) {
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/feature-cache-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");

@@ -19,7 +19,8 @@ extern const char* const kDozenFeatures;
 
 class Session : public devtest::DeviceRig {
 public:
-    explicit Session(const char* machine_json = kDozenFeatures);
+    explicit Session(const char* machine_json = kDozenFeatures,
+                     const devio::ExchangeTiming& timing = {});
     ~Session();
 
     // A new Device, which reads the cache file when `with_cache`; the

@@ -292,7 +292,7 @@ TEST(Reflash, NextStartForgetsRereadsAndRewritesTheCache) {
 }
 
 TEST(Reflash, SilenceOfALoadedDeviceLeadsToTheCheckAndItsFailure) {
-    Session s;
+    Session s(kDozenFeatures, devtest::kQuickExchanges);
     devio::Device& dev = s.start(false);
     ASSERT_EQ(dev.features().size(), 13u);
     FirmwareWatch watch;

@@ -1,5 +1,5 @@
 // Device: construction, the start of its hardware side, and the calls that
-// only forward to the hardware device.
+// only forward to the hardware device or to the software ids.
 
 #include "Device/Device.h"
 
@@ -20,16 +20,16 @@ constexpr unsigned kBrbConfigItem = 7;
 constexpr int kBusTypeReceiver = 1;
 }  // namespace
 
-Device::Device(std::shared_ptr<IHardwareDevice> hw)
-    : hwdev(std::move(hw)), hw_path(hwdev->path()) {}
+Device::Device(std::shared_ptr<IHardwareDevice> hw, const ExchangeTiming& timing)
+    : hwdev(std::move(hw)), hw_path(hwdev->path()), exchange_timing(timing) {}
 
 Device::~Device() {
     // The timer's thread and its queued event must not outlive us.
-    if (cache_write_timer) {
-        Subscriber<ITimer::TimerEvent>::unsubscribe(cache_write_timer);
-        cache_write_timer->stop();
+    if (auto timer = cache.write_timer()) {
+        Subscriber<ITimer::TimerEvent>::unsubscribe(timer);
+        timer->stop();
     }
-    if (cache_dirty) perform_cache_write();
+    if (cache.dirty()) perform_cache_write();
     // Our members die before our Subscriber bases would leave the hardware
     // device's producers: leave them first, which also waits for a delivery
     // that the read thread is running in us.
@@ -55,7 +55,7 @@ bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     if (hwdev->bustype() == kBusTypeReceiver) {
         bool enabled = false;
         if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
-            brb_enabled = true;
+            exchange.enable_brb();
             DEVIO_LOG("Device", 2, "initDevice",
                       "This braid device enabling the brb workaround, pid=0x%x",
                       static_cast<unsigned>(product));
@@ -126,6 +126,17 @@ bool Device::on_subscribe(IDevice::WriteReport* /*subscriber*/) {
                   static_cast<int>(error_record().err));
     }
     return true;
+}
+
+unsigned Device::swid() {
+    return swids.current(manager_);
+}
+
+unsigned Device::apply_swid_switch() {
+    if (unsigned chosen = 0; swids.apply_switch(chosen)) {
+        DEVIO_LOG("Device", 2, "apply_swid_switch", "switching to swid 0x%x", chosen);
+    }
+    return swid();
 }
 
 unsigned Device::rand_range(unsigned low, int high) {

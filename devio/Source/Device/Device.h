@@ -1,8 +1,6 @@
 #pragma once
 
-#include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -15,8 +13,11 @@
 #include "Base/Producer.h"
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
+#include "Device/ExchangeTiming.h"
 #include "Device/IDevice.h"
-#include "Device/VxpReport.h"
+#include "Device/PendingExchange.h"
+#include "Device/ResponseCache.h"
+#include "Device/SoftwareIds.h"
 #include "Features/IFeature.h"
 #include "Manager/IDeviceManager.h"
 
@@ -27,6 +28,13 @@ namespace devio {
 // into one blocking call that survives lost answers, other programs on the
 // same link and other processes of this library.
 //
+// Device coordinates units that each keep their own lock: the command in
+// flight (`PendingExchange`, `command_mutex`), the software id
+// (`SoftwareIds`, `swid_mutex`) and the cache of responses with its file
+// (`ResponseCache`, `cache_mutex`). Of its own it keeps `device_mutex`, the
+// feature table, the time of the last report and the start of the hardware
+// side.
+//
 // Threads:
 // - Callers of the command engine: any host thread, the run-loop pump.
 //   They take `device_mutex` (shared with every process by name), then
@@ -36,9 +44,8 @@ namespace devio {
 //   `last_report_mutex`, `features_mutex`, `command_mutex` and `swid_mutex`
 //   each alone, one after the other, and holds none while it hands a report
 //   to a feature.
-// - `cache_mutex` guards the cache of responses, the firmware text it
-//   belongs to and the cache directory, and is never held with another
-//   lock, so a cache hit costs one uncontended lock.
+// - `cache_mutex` is never held with another lock, so a cache hit costs one
+//   uncontended lock.
 // - `cache_write_timer` is delivered on the host's pumping thread, which
 //   writes the cache file from a copy taken under `cache_mutex`.
 // - `hw_start_mutex` guards the start of the hardware side and is held while
@@ -60,7 +67,8 @@ class Device : public IDevice,
 public:
     using Match = std::vector<std::uint32_t>;
 
-    explicit Device(std::shared_ptr<IHardwareDevice> hwdev);
+    // Only a test rig passes a timing other than the product's.
+    explicit Device(std::shared_ptr<IHardwareDevice> hwdev, const ExchangeTiming& timing = {});
     ~Device() override;
 
     // IDevice
@@ -152,11 +160,9 @@ private:
     // The read path, in the order it tests a report.
     std::shared_ptr<IFeature> feature_at(unsigned index);
     bool deliver_notification(const std::vector<Byte>& report);
-    // Needs `command_mutex`; true when the report completed the command.
-    bool complete_pending(const std::vector<Byte>& report);
+    // Under `hold`; true when the report completed the command.
+    bool complete_pending(const PendingExchange::Hold& hold, const std::vector<Byte>& report);
     ReportType classify_other_software(const std::vector<Byte>& report);
-    void note_other_swid(unsigned sw);
-    void finish_exchange_locked(const std::vector<Byte>& report);
 
     // The engine's pieces.
     bool ping(const std::vector<Byte>& command, int attempt, bool& start_over);
@@ -187,54 +193,32 @@ private:
     std::atomic<bool> read_path_ready{false};
 
     // Report routing.
-    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;
+    std::map<std::uint32_t, std::shared_ptr<IFeature>> feature_table;  // guarded by features_mutex
     std::mutex features_mutex;
-    std::atomic<bool> switch_swid{false};
-    // Written under `swid_mutex`; atomic so that the engine reads the id in
-    // use without a lock.
-    std::atomic<std::uint32_t> swid_{0};
-    std::array<std::uint32_t, 16> swid_last_used{};
-    std::uint32_t swid_use_counter = 0;
-    std::mutex swid_mutex;
-    std::int64_t last_report_time = 0;
+    SoftwareIds swids;
+    std::int64_t last_report_time = 0;  // guarded by last_report_mutex
     std::mutex last_report_mutex;
 
     // Command engine.
     std::atomic<bool> abandoned{false};
-    Match match_indices, prev_match_indices;
-    std::vector<Byte> pending_command, prev_command, response;
-    bool read_completed = true;
-    bool initiated_brb_workaround = false;
-    std::mutex command_mutex;
-    std::condition_variable command_cv;
-    const std::int32_t response_timeout_ms = 3000;
-    const std::int32_t retries = 10;
+    PendingExchange exchange;
+    // The product's values, unless a test rig passed others.
+    const ExchangeTiming exchange_timing;
     NamedMutex device_mutex{std::string(), false};
     std::atomic<bool> need_ping{false};
     std::atomic<bool> need_fw_check{false};
-    std::map<std::vector<Byte>, std::vector<Byte>, vxp::CacheKeyLess> response_cache;
-    std::mutex cache_mutex;
-    bool cache_dirty = false;  // guarded by cache_mutex
-    std::shared_ptr<ITimer> cache_write_timer;
-    bool brb_enabled = false;
-    std::atomic<bool> brb_active{false};
+    ResponseCache cache;
 
-    // Firmware check: the firmware text that the cache belongs to; guarded
-    // by cache_mutex.
-    std::string fwinfo;
-
-    // Feature loading and the feature cache file. The loading state is
-    // written by the threads that load; atomic, so that two host threads
-    // loading at once only repeat work.
+    // Feature loading. The loading state is written by the threads that
+    // load; atomic, so that two host threads loading at once only repeat
+    // work.
     std::atomic<std::uint32_t> feature_root_state{0};  // 0 unknown, 1 not VXP 2.0, 2 loaded
     std::atomic<bool> all_features_loaded{false};
     // The check sends commands, whose retries may ask for the check again.
     std::atomic<bool> in_fw_check{false};
-    std::string cache_dir;  // with its trailing separator; guarded by cache_mutex
     // The firmware entity that was running when last asked.
     std::atomic<std::uint32_t> fw_entity{0};
 
-    void set_fwinfo(const std::string& text);
     std::shared_ptr<IFeature> stored_feature(unsigned index);
     // Makes the object of a feature that the device's table lists, unless
     // the table already holds it, and fills in its record.

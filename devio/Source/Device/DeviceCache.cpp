@@ -43,8 +43,9 @@ bool replace_file(const std::string& name, const std::string& text) {
 }  // namespace
 
 void Device::make_cache_write_timer() {
-    cache_write_timer = std::make_shared<Timer>(kCacheWriteTimerId);
-    if (!Subscriber<ITimer::TimerEvent>::subscribe(cache_write_timer, DeliveryRunLoop)) {
+    auto timer = std::make_shared<Timer>(kCacheWriteTimerId);
+    cache.set_write_timer(timer);
+    if (!Subscriber<ITimer::TimerEvent>::subscribe(timer, DeliveryRunLoop)) {
         if (auto manager = manager_.lock())
             manager->report_unreported_error("Device::initDevice subscribe(cache_write_timer)");
     }
@@ -58,21 +59,12 @@ void Device::persistent_data_directory(const std::string& dir) {
     DEVIO_LOG("Device", 2, "persistent_data_directory", "Device::persistent_data_directory(%s)",
               dir.c_str());
     if (dir.empty()) return;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        cache_dir = dir;
-        // The file name is glued to the directory.
-        if (cache_dir.back() != '/' && cache_dir.back() != '\\') cache_dir += '/';
-    }
+    cache.set_directory(dir);
     perform_cache_read();
 }
 
 void Device::perform_cache_read() {
-    std::string dir;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        dir = cache_dir;
-    }
+    const std::string dir = cache.directory();
     DEVIO_LOG("Device", 2, "perform_cache_read",
               "Device::perform_cache_read enter persistent_path=%s", dir.c_str());
     if (dir.empty()) {
@@ -93,47 +85,29 @@ void Device::perform_cache_read() {
     text.push_back('\0');
     // A damaged file throws here, before anything was taken from it.
     const feature_cache::Document doc = feature_cache::parse(text.data());
-    if (doc.has_cache) {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        // A file without `fw` counts as written for an empty firmware text.
-        if (!fwinfo.empty() && fwinfo != doc.fw) {
-            DEVIO_LOG("Device", 2, "perform_cache_read",
-                      "cache is incorrect version (%s != %s)... invalidating", fwinfo.c_str(),
-                      doc.fw.c_str());
-            cache_dirty = true;
-        } else {
-            // What is in memory was asked of this device in this run: it wins.
-            for (const auto& entry : doc.commands) response_cache.emplace(entry.cmd, entry.rsp);
-        }
+    // A file without `fw` counts as written for an empty firmware text.
+    if (std::string known; doc.has_cache && !cache.take_file(doc.fw, doc.commands, known)) {
+        DEVIO_LOG("Device", 2, "perform_cache_read",
+                  "cache is incorrect version (%s != %s)... invalidating", known.c_str(),
+                  doc.fw.c_str());
     }
     DEVIO_LOG("Device", 2, "perform_cache_read", "Device::perform_cache_read exit");
 }
 
 void Device::perform_cache_write() {
-    std::string dir, fw;
-    std::vector<feature_cache::Entry> entries;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        cache_dirty = false;
-        dir = cache_dir;
-        fw = fwinfo;
-        if (!dir.empty() && !fw.empty()) {
-            entries.reserve(response_cache.size());
-            for (const auto& [cmd, rsp] : response_cache) entries.push_back({cmd, rsp});
-        }
-    }
-    if (dir.empty()) {
+    const ResponseCache::Snapshot now = cache.take_for_write();
+    if (now.dir.empty()) {
         DEVIO_LOG("Device", 2, "perform_cache_write",
                   "perform_cache_write: feature cache path is empty");
         return;
     }
-    if (fw.empty()) {
+    if (now.fw.empty()) {
         DEVIO_LOG("Device", 2, "perform_cache_write", "perform_cache_write: fwinfo is empty");
         return;
     }
     const std::string name =
-        feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
-    if (!replace_file(name, feature_cache::print(fw, hw_path, entries))) return;
+        feature_cache::file_name(now.dir, static_cast<unsigned>(hwdev->pid()), hw_path);
+    if (!replace_file(name, feature_cache::print(now.fw, hw_path, now.entries))) return;
     DEVIO_LOG("Device", 2, "perform_cache_write", "wrote feature cache to file %s", name.c_str());
 }
 

@@ -23,8 +23,6 @@ bool soft_for_ping(ErrorCode err) {
 bool soft_for_command(ErrorCode err) {
     return soft_for_ping(err) || err == Vxp10Error7 || err == Vxp10Error9;
 }
-constexpr int kPingDelayBaseMs = 10;
-constexpr int kPingJitterMs = 500;
 constexpr Byte kFirstEchoByte = 16;
 constexpr int kLastEchoByte = 255;
 // The root feature's ping: its third parameter comes back unchanged.
@@ -32,14 +30,9 @@ const Device::Match kPingMatch{2};
 }  // namespace
 
 bool Device::cache_lookup(const std::vector<Byte>& command, std::vector<Byte>& out) {
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        auto found = response_cache.find(vxp::CacheProbe{command});
-        if (found == response_cache.end()) {
-            DEVIO_LOG("Device", 3, "sendSynchronousCommand", "requested command not in cache:");
-            return false;
-        }
-        out = found->second;
+    if (!cache.lookup(command, out)) {
+        DEVIO_LOG("Device", 3, "sendSynchronousCommand", "requested command not in cache:");
+        return false;
     }
     if (out.size() > 3) out[3] = vxp::with_swid(out[3], swid());
     DEVIO_LOG("Device", 2, "sendSynchronousCommand",
@@ -52,13 +45,7 @@ void Device::cache_store(const std::vector<Byte>& command, const std::vector<Byt
     if (command.size() < 4 || answer.size() < 4 || command[2] >= vxp::kFirstUncachedIndex) return;
     // An answer under another id is another program's business.
     if (vxp::swid_of(command[3]) != id || vxp::swid_of(answer[3]) != id) return;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        response_cache[vxp::cache_key(command)] = vxp::cache_key(answer);
-        cache_dirty = true;
-    }
-    // One file write for a whole burst of discovery.
-    if (cache_write_timer) cache_write_timer->reset(10000);
+    cache.store(command, answer);
 }
 
 bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_over) {
@@ -67,7 +54,9 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
         DEVIO_LOG("Device", 3, "sendSynchronousCommand", "delaying before ping");
         // Growing delays give a device that is busy or resetting time to
         // come back; the jitter keeps two processes from retrying in step.
-        const int delay = (kPingDelayBaseMs << attempt) + std::rand() % kPingJitterMs;
+        const std::int32_t jitter = exchange_timing.ping_jitter_ms;
+        const std::int32_t delay =
+            (exchange_timing.ping_delay_ms << attempt) + (jitter > 0 ? std::rand() % jitter : 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     }
     DEVIO_LOG("Device", 3, "sendSynchronousCommand", "sending ping");
@@ -91,7 +80,7 @@ bool Device::ping(const std::vector<Byte>& command, int attempt, bool& start_ove
     if (soft_for_ping(err)) {
         DEVIO_LOG("Device", 2, "sendSynchronousCommand",
                   "on ping soft error errcode=%d, will ping and retry %d more times",
-                  static_cast<int>(err), retries - attempt);
+                  static_cast<int>(err), exchange_timing.retries - attempt);
         need_ping = true;
         start_over = true;
         return true;
@@ -116,7 +105,7 @@ bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vecto
     if (cache_mode == 1 && vxp::byte_at(command, 2) >= vxp::kFirstUncachedIndex) cache_mode = 0;
     if (cache_mode == 1 && cache_lookup(command, out)) return true;
 
-    for (int attempt = 0; attempt <= retries;) {
+    for (int attempt = 0; attempt <= exchange_timing.retries;) {
         if (need_ping.exchange(false)) {
             DEVIO_LOG("Device", 3, "sendSynchronousCommand", "need a ping");
             if (!feature_based()) {
@@ -158,7 +147,7 @@ bool Device::sendSynchronousCommand(const std::vector<Byte>& command, std::vecto
         }
         DEVIO_LOG("Device", 2, "sendSynchronousCommand",
                   "synchronous command soft error errcode=%d, will ping and retry %d more times",
-                  static_cast<int>(err), retries - attempt);
+                  static_cast<int>(err), exchange_timing.retries - attempt);
         need_ping = true;
         // The device may have been reset or reflashed while it was silent.
         if (err == NoResponse) need_fw_check = true;

@@ -69,14 +69,11 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     // holds while it waits for `command_mutex`: do it before taking that.
     // A failure here is met again, and reported, in sendCommand.
     if (!abandoned && !is_removed) ensure_read_path();
-    std::unique_lock<std::mutex> lock(command_mutex);
+    PendingExchange::Hold hold = exchange.hold();
     // Our id is in use by another program: the retry's ping picks a new one.
-    if (switch_swid && feature_based()) return exchange_failed(SwidCollision, swid());
+    if (swids.switch_requested() && feature_based()) return exchange_failed(SwidCollision, swid());
     if (real_command) hwdev->before_command();
-    pending_command = command;
-    read_completed = false;
-    match_indices = match;
-    initiated_brb_workaround = false;
+    exchange.arm(hold, command, match);
 
     if (!sendCommand(command, true)) {
         DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
@@ -91,18 +88,13 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
             set_error(NotConnected);
             onWrite({}, NotConnected, 0);
         }
-        read_completed = true;
-        if (brb_enabled) {
-            prev_command = pending_command;
-            prev_match_indices = match_indices;
-        }
-        pending_command.clear();
+        exchange.abort(hold);
         DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
                   "sendSynchronousCommandWithoutRetry returning error %d",
                   static_cast<int>(error_record().err));
         return false;
     }
-    if (brb_active) {
+    if (exchange.brb_workaround_active()) {
         DEVIO_LOG("Device", 3, "sendSynchronousCommandWithoutRetry",
                   "sendSynchronousCommandWithoutRetry brb workaround sending extra get protocol "
                   "request to flush response");
@@ -112,19 +104,14 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
     }
 
     const auto started = std::chrono::steady_clock::now();
-    const bool answered = command_cv.wait_for(lock, std::chrono::milliseconds(response_timeout_ms),
-                                              [this] { return read_completed; });
+    const bool answered =
+        exchange.wait(hold, std::chrono::milliseconds(exchange_timing.response_timeout_ms));
     const auto elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - started)
                                 .count();
-    if (brb_enabled) {
-        prev_command = pending_command;
-        prev_match_indices = match_indices;
-    }
-    pending_command.clear();
+    exchange.close(hold);
 
-    if (initiated_brb_workaround) {
-        initiated_brb_workaround = false;
+    if (exchange.take_late_answer(hold)) {
         DEVIO_LOG(
             "Device", 2, "sendSynchronousCommandWithoutRetry",
             "Device::_initiated_brb_workaround, returning no response to trigger a quick retry");
@@ -139,21 +126,21 @@ bool Device::sendSynchronousCommandWithoutRetry(const std::vector<Byte>& command
         DEVIO_LOG("Device", 1, "sendSynchronousCommandWithoutRetry",
                   "Device::sendSynchronousCommandWithoutRetry timeout, no response after %d ms, "
                   "timeout was %d ms",
-                  static_cast<int>(elapsed_ms), response_timeout_ms);
+                  static_cast<int>(elapsed_ms), exchange_timing.response_timeout_ms);
         if (!hwdev->verify_connection_following_timeout()) {
             DEVIO_LOG(
                 "Device", 1, "sendSynchronousCommandWithoutRetry",
                 "Device::sendSynchronousCommandWithoutRetry() - not connected after timeout!");
             return exchange_failed(NotConnected, 0);
         }
-        lock.unlock();
+        hold.unlock();
         device_lock.unlock();
         DEVIO_LOG("Device", 2, "sendSynchronousCommandWithoutRetry",
                   "Device::sendSynchronousCommandWithoutRetry() - no response!");
         return exchange_failed(NoResponse, 0);
     }
-    if (decode_error_report(response)) return false;
-    out = response;
+    if (decode_error_report(exchange.answer(hold))) return false;
+    out = exchange.answer(hold);
     DEVIO_LOG("Device", 3, "sendSynchronousCommandWithoutRetry",
               "pid %04x elapsed command time %d ms", static_cast<unsigned>(hwdev->pid()),
               static_cast<int>(elapsed_ms));
@@ -180,11 +167,7 @@ void Device::abandon() {
     DEVIO_LOG("Device", 2, "abandon", "Device::abandon enter");
     abandoned = true;
     DEVIO_LOG("Device", 3, "abandon", "Device::abandon setting readCompleted_");
-    {
-        std::lock_guard<std::mutex> lock(command_mutex);
-        read_completed = true;
-    }
-    command_cv.notify_all();
+    exchange.release_waiter();
     DEVIO_LOG("Device", 2, "abandon", "Device::abandon exit");
 }
 

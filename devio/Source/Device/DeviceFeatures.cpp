@@ -73,11 +73,7 @@ bool Device::load_feature_root(bool retry) {
         return false;
     }
     DEVIO_LOG("Device", 2, "load_feature_root", "Device::load_feature_root enter");
-    bool had_cache = false;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        had_cache = !response_cache.empty();
-    }
+    const bool had_cache = !cache.empty();
     auto root = createFeature(0, 0, weak_from_this().lock());
     if (!root) {
         set_error(InternalError, "cannot create root feature");
@@ -223,10 +219,7 @@ void Device::forget() {
     }
     feature_root_state = kRootUnknown;
     all_features_loaded = false;
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        response_cache.clear();
-    }
+    cache.clear();
     DEVIO_LOG("Device", 2, "forget", "Device::forget() exit");
 }
 

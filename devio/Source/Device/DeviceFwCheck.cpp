@@ -24,20 +24,14 @@ const char* const kNotPresent = "NotPresent";
 }  // namespace
 
 std::string Device::firmware_text() {
-    std::lock_guard<std::mutex> lock(cache_mutex);
-    return fwinfo;
-}
-
-void Device::set_fwinfo(const std::string& text) {
-    std::lock_guard<std::mutex> lock(cache_mutex);
-    fwinfo = text;
+    return cache.firmware();
 }
 
 bool Device::load_fwinfo(bool had_cache) {
     if (!firmware_text().empty()) return true;
     const std::string text = read_fwinfo(true);
     if (text.empty()) return false;
-    set_fwinfo(text);
+    cache.set_firmware(text);
     // The file cache was read before the firmware was known to match: the
     // first real command verifies it.
     if (had_cache) need_fw_check = true;
@@ -155,11 +149,7 @@ bool Device::do_fwcheck() {
         return true;
     }
     forget();
-    {
-        std::lock_guard<std::mutex> lock(cache_mutex);
-        fwinfo.clear();
-        cache_dirty = true;
-    }
+    cache.firmware_changed();
     std::shared_ptr<IDevice> self = weak_from_this().lock();
     Producer<IDevice::Connect>::produce([self](IDevice::Connect* s) { s->onFirmwareChanged(self); },
                                         event_names::DeviceConnect.onFirmwareChanged);

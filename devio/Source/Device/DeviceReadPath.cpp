@@ -71,15 +71,10 @@ IDevice::ReportType Device::onReadHandler(std::vector<Byte>& report, bool rewrit
     }
 
     {
-        std::unique_lock<std::mutex> lock(command_mutex);
-        if (read_completed) {
-            DEVIO_LOG("Device", 3, "onReadHandler", "No command in progress");
-        } else if (pending_command.empty()) {
-            DEVIO_LOG("Device", 3, "onReadHandler", "Command in progress, size is %d",
-                      static_cast<int>(pending_command.size()));
-        } else if (complete_pending(report)) {
-            lock.unlock();
-            command_cv.notify_all();
+        PendingExchange::Hold hold = exchange.hold();
+        if (complete_pending(hold, report)) {
+            hold.unlock();
+            exchange.wake();
             return ReportResponse;
         }
     }
@@ -100,44 +95,42 @@ bool Device::deliver_notification(const std::vector<Byte>& report) {
     return true;
 }
 
-bool Device::complete_pending(const std::vector<Byte>& report) {
-    if (vxp::is_error_response(report, pending_command)) {
-        DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp error response");
-        finish_exchange_locked(report);
-        return true;
-    }
-    if (!vxp::header_matches(report, pending_command)) {
+bool Device::complete_pending(const PendingExchange::Hold& hold, const std::vector<Byte>& report) {
+    PendingExchange::Mismatch mismatch;
+    const PendingExchange::Offer offer = exchange.offer(hold, report, mismatch);
+    if (mismatch == PendingExchange::Mismatch::Header) {
         DEVIO_LOG(
             "Device", 3, "onReadHandler",
             "Response with mismatched header does not complete our pending command. Continuing "
             "decoding... (!)");
-    } else if (vxp::payload_matches(report, pending_command, match_indices)) {
-        DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp command response");
-        hwdev->response_seen(hwdev->response_token());
-        finish_exchange_locked(report);
-        return true;
-    } else {
+    } else if (mismatch == PendingExchange::Mismatch::Payload) {
         DEVIO_LOG("Device", 3, "onReadHandler",
                   "Response with mismatched payload does not complete our pending command. "
                   "Continuing decoding...");
     }
-    // A device that answers one command late sends the answer to the
-    // previous command now; the engine then flushes each answer out.
-    if (brb_enabled && !brb_active && vxp::header_matches(report, prev_command) &&
-        vxp::payload_matches(report, prev_command, prev_match_indices)) {
-        DEVIO_LOG("Device", 2, "onReadHandler",
-                  "Response matches previous command. Activating brb workaround.");
-        brb_active = true;
-        initiated_brb_workaround = true;
-        finish_exchange_locked(report);
-        return true;
+    switch (offer) {
+        case PendingExchange::Offer::Idle:
+            DEVIO_LOG("Device", 3, "onReadHandler", "No command in progress");
+            return false;
+        case PendingExchange::Offer::Expired:
+            // The waiter gave up on its command, which is gone.
+            DEVIO_LOG("Device", 3, "onReadHandler", "Command in progress, size is %d", 0);
+            return false;
+        case PendingExchange::Offer::ErrorAnswer:
+            DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp error response");
+            return true;
+        case PendingExchange::Offer::Answer:
+            DEVIO_LOG("Device", 3, "onReadHandler", "Report is a Vxp command response");
+            hwdev->response_seen(hwdev->response_token());
+            return true;
+        case PendingExchange::Offer::LateAnswer:
+            DEVIO_LOG("Device", 2, "onReadHandler",
+                      "Response matches previous command. Activating brb workaround.");
+            return true;
+        case PendingExchange::Offer::NotOurs:
+            break;
     }
     return false;
-}
-
-void Device::finish_exchange_locked(const std::vector<Byte>& report) {
-    response = report;
-    read_completed = true;
 }
 
 IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& report) {
@@ -162,10 +155,10 @@ IDevice::ReportType Device::classify_other_software(const std::vector<Byte>& rep
                   "Report is an unexpected command response with our swid 0x%x, so we will switch "
                   "our swid",
                   sw);
-        switch_swid = true;
+        swids.request_switch();
         need_ping = true;
     }
-    note_other_swid(sw);
+    swids.note_other(sw);
     auto feature = feature_at(report[2]);
     if (feature) {
         if (active) {
