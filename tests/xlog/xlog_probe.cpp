@@ -212,6 +212,14 @@ int forked() {
     return 0;
 }
 
+// Logs for the first time from a static destructor, after main returned.
+struct LogAtExit {
+    bool armed = false;
+    ~LogAtExit() {
+        if (armed) xLog("Probe", 2, "devio::Probe::exitonly", "first line at exit");
+    }
+} log_at_exit;
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -228,6 +236,10 @@ int main(int argc, char** argv) {
     if (scenario == "disabled") return disabled();
     if (scenario == "shutdown") return shutdown();
     if (scenario == "fork") return forked();
+    if (scenario == "exitonly") {
+        log_at_exit.armed = true;
+        return 0;
+    }
     if (scenario == "purge" && argc > 3) {
         devio::XLogPlatformSpecific::purgeOldLogFiles(argv[2], argv[3], "devio");
         return 0;

@@ -410,6 +410,18 @@ TEST(XLogProcessTest, ShutdownWritesStraightToTheFile) {
               indexOf(r, "logging is now direct to file, all tags enabled"));
     EXPECT_LT(indexOf(r, "logging is now direct to file"), after);
     for (const auto& line : r.logLines) EXPECT_TRUE(std::regex_match(line, fileLine)) << line;
+
+    // Logging that first starts during exit starts no thread: the header and
+    // the line go straight to the file.
+    ProbeRunner exitRunner;
+    ProbeResult late = exitRunner.run({"exitonly"});
+    ASSERT_EQ(late.exitCode, 0) << late.err;
+    ASSERT_EQ(late.logFiles.size(), 1u);
+    ASSERT_FALSE(late.logLines.empty()) << "an empty file";
+    EXPECT_NE(late.logLines[0].find("\tdevio::xLogStartup ----"), std::string::npos);
+    EXPECT_NE(indexOf(late, "first line at exit"), SIZE_MAX);
+    EXPECT_EQ(late.countLines("log thread exiting"), 0u) << "a log thread started at exit";
+    for (const auto& line : late.logLines) EXPECT_TRUE(std::regex_match(line, fileLine)) << line;
 }
 
 TEST(XLogProcessTest, ForkedChildWritesThroughAndExitsWithoutHanging) {
@@ -427,9 +439,7 @@ TEST(XLogProcessTest, ForkedChildWritesThroughAndExitsWithoutHanging) {
 }
 
 // The facade's exit sequence logs into the buffer, before the log ends, in
-// whichever order the process destroys the two; and a process that never
-// logged before exit gets a whole file all the same, written without a log
-// thread.
+// whichever order the process destroys the two.
 TEST(XLogProcessTest, AtExitTheFacadeLogsIntoTheBufferAndTheLogEndsLast) {
     const std::pair<const char*, const char*> programs[] = {
         {EXIT_PROBE_DEVIO_FIRST, "exitprobedeviofirst"},
@@ -461,17 +471,23 @@ TEST(XLogProcessTest, AtExitTheFacadeLogsIntoTheBufferAndTheLogEndsLast) {
         EXPECT_EQ(previous + 1, r.logLines.size()) << r.logLines.back();
         for (const auto& text : r.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
 
+        // A program that only links the facade has logged before main: the
+        // library's features say at start-up that they are linked in. Its
+        // exit runs the same order.
         ProbeRunner silentRunner;
         silentRunner.useProgram(program);
         ProbeResult silent = silentRunner.run({"silent"}, {channelOnStderr});
         ASSERT_EQ(silent.exitCode, 0) << silent.err;
         EXPECT_EQ(silent.err, startLine);
         ASSERT_EQ(silent.logFiles.size(), 1u);
-        ASSERT_FALSE(silent.logLines.empty()) << "an empty file";
-        EXPECT_NE(silent.logLines[0].find("\tdevio::xLogStartup ----"), std::string::npos);
-        EXPECT_LT(indexOf(silent, "procname="), indexOf(silent, "CDevio::~CDevio"));
-        EXPECT_NE(indexOf(silent, "CDevio::~CDevio"), SIZE_MAX);
-        EXPECT_EQ(silent.countLines("log thread exiting"), 0u) << "a log thread started at exit";
+        previous = 0;
+        for (const char* text : {"procname=", "Devio: Feature0000 included", "CDevio::~CDevio",
+                                 "log thread exiting", "logging is now direct to file"}) {
+            size_t at = indexOf(silent, text);
+            ASSERT_NE(at, SIZE_MAX) << text;
+            EXPECT_GT(at, previous) << text;
+            previous = at;
+        }
         for (const auto& text : silent.logLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
     }
 }
