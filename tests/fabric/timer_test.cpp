@@ -200,5 +200,36 @@ TEST(Timer, DirectHandlerStoppingItsTimerDoesNotHang) {
     EXPECT_EQ(handler.calls.load(), 1);
 }
 
+// Several host threads arm, kick and stop one timer at once, as the command
+// engine and the pumping thread do with a device's timers: the timer stays
+// whole and still fires afterwards.
+TEST(Timer, ArmedKickedAndStoppedFromSeveralThreadsAtOnce) {
+    auto timer = std::make_shared<Timer>(3);
+    Expiries expiries;
+    ASSERT_TRUE(expiries.subscribe(timer, DeliveryDirect));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&timer, t] {
+            for (int i = 0; i < 300; ++i) {
+                switch ((i + t) % 3) {
+                    case 0:
+                        timer->start(i % 4);
+                        break;
+                    case 1:
+                        timer->reset(i % 4);
+                        break;
+                    default:
+                        timer->stop();
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    timer->stop();
+    const auto before = expiries.count();
+    EXPECT_TRUE(timer->start(10));
+    ASSERT_TRUE(eventually([&] { return expiries.count() == before + 1; }));
+}
+
 }  // namespace
 }  // namespace devio::test

@@ -28,7 +28,12 @@ bool Timer::on_own_thread(const char* call) const {
 bool Timer::start(int milliseconds) {
     // Re-arming joins the running thread, which would hang here.
     if (on_own_thread("Timer::start from the timer's own thread")) return false;
-    stop();
+    std::lock_guard<std::mutex> control(control_mutex);
+    return start_locked(milliseconds);
+}
+
+bool Timer::start_locked(int milliseconds) {
+    stop_locked();
     past_half.store(false);
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -42,14 +47,20 @@ bool Timer::reset(int milliseconds) {
     // In the first half the running interval stands: the kick is early
     // enough that restarting would change little and cost a thread.
     if (on_own_thread("Timer::reset from the timer's own thread")) return false;
+    std::lock_guard<std::mutex> control(control_mutex);
     if (thread && !past_half.load()) return true;
-    return start(milliseconds);
+    return start_locked(milliseconds);
 }
 
 bool Timer::stop() {
     // A direct handler of our own event: the body ends right after the
     // production, so there is nothing to cancel, and joining would hang.
     if (on_own_thread("Timer::stop from the timer's own thread")) return true;
+    std::lock_guard<std::mutex> control(control_mutex);
+    return stop_locked();
+}
+
+bool Timer::stop_locked() {
     if (!thread) return true;
     {
         std::lock_guard<std::mutex> lock(mutex);

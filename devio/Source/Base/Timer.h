@@ -16,8 +16,9 @@ namespace devio {
 // half is over, so a caller may kick the timer on every event without a
 // thread being torn down each time.
 //
-// Threads: `start`, `reset` and `stop` come from any thread, but not from two
-// at once (the thread object is not guarded), and never from the timer's own
+// Threads: `start`, `reset` and `stop` come from any thread, also from
+// several at once (`control_mutex` serialises them and guards the thread
+// object; the timer's thread never takes it), but never from the timer's own
 // thread: a direct handler of `onTimerEvent` must not re-arm or stop it
 // (such calls are refused and logged as assertion failures).
 // Owners that do that subscribe with delivery 0, so their handlers run on the
@@ -42,13 +43,16 @@ public:
 
 private:
     void body(int milliseconds);
+    bool start_locked(int milliseconds);
+    bool stop_locked();
     // True, with an assertion logged, when called from this timer's own
     // thread, that is from a direct handler of its event.
     bool on_own_thread(const char* call) const;
     // Waits up to `milliseconds` or until cancelled; true when cancelled.
     bool wait_cancelled(std::unique_lock<std::mutex>& lock, int milliseconds);
 
-    std::unique_ptr<std::thread> thread;
+    std::unique_ptr<std::thread> thread;  // guarded by control_mutex
+    std::mutex control_mutex;
     bool cancelled = false;
     std::condition_variable condition;
     std::mutex mutex;
