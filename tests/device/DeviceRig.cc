@@ -99,6 +99,19 @@ void BehindReceiver::onRead(std::vector<devio::Byte> report, bool rewrite, unsig
         devio::event_names::BraidDeviceRead.onRead);
 }
 
+void BehindReceiver::link(bool up) {
+    auto self = std::static_pointer_cast<devio::IHardwareDevice>(shared_from_this());
+    devio::Producer<devio::IHardwareDevice::Connect>::produce(
+        [self, up](devio::IHardwareDevice::Connect* s) {
+            if (up) {
+                s->onConnect(self);
+            } else {
+                s->onDisconnect(self);
+            }
+        },
+        up ? "BraidDevice::Connect::onConnect" : "BraidDevice::Connect::onDisconnect");
+}
+
 bool BehindReceiver::on_subscribe(devio::IHardwareDevice::Read* /*subscriber*/) {
     return devio::Subscriber<devio::IHardwareDevice::Read>::subscribe(inner_, 1);
 }

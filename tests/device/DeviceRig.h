@@ -97,7 +97,8 @@ class BehindReceiver : public devio::IHardwareDevice,
                        public devio::Producer<devio::IHardwareDevice::Read>,
                        public devio::Producer<devio::IHardwareDevice::Write>,
                        public devio::Producer<devio::IHardwareDevice::Connect>,
-                       public devio::Subscriber<devio::IHardwareDevice::Read> {
+                       public devio::Subscriber<devio::IHardwareDevice::Read>,
+                       public std::enable_shared_from_this<BehindReceiver> {
 public:
     explicit BehindReceiver(std::shared_ptr<devio::IHardwareDevice> inner)
         : inner_(std::move(inner)) {}
@@ -117,6 +118,8 @@ public:
     }
     void onRead(std::vector<devio::Byte> report, bool rewrite, unsigned sys,
                 unsigned size) override;
+    // The receiver tells that the device's link came up or went down.
+    void link(bool up);
 
 protected:
     using devio::Producer<devio::IHardwareDevice::Write>::on_subscribe;

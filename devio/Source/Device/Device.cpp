@@ -7,14 +7,17 @@
 
 #include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
+#include "Base/Timer.h"
+#include "Manager/ReceiverTable.h"
 
 namespace devio {
 
 namespace {
 // Receivers carry the traffic of every device paired to them, so one name
 // serialises all of it across processes.
-bool is_receiver_product(int pid) {
-    return pid == 0xA101 || pid == 0xA102 || pid == 0xA103;
+bool shares_receiver_mutex(int pid) {
+    const ReceiverProduct* receiver = find_receiver(pid);
+    return receiver != nullptr && receiver->shared_name;
 }
 constexpr unsigned kBrbConfigItem = 7;
 constexpr int kBusTypeReceiver = 1;
@@ -24,24 +27,38 @@ Device::Device(std::shared_ptr<IHardwareDevice> hw, const ExchangeTiming& timing
     : hwdev(std::move(hw)), hw_path(hwdev->path()), exchange_timing(timing) {}
 
 Device::~Device() {
-    // The timer's thread and its queued event must not outlive us.
-    if (auto timer = cache.write_timer()) {
+    // The timers' threads and their queued events must not outlive us.
+    for (const auto& timer : {cache.write_timer(), deactivation_timer, fw_check_timer}) {
+        if (!timer) continue;
         Subscriber<ITimer::TimerEvent>::unsubscribe(timer);
         timer->stop();
     }
     if (cache.dirty()) perform_cache_write();
-    // Our members die before our Subscriber bases would leave the hardware
-    // device's producers: leave them first, which also waits for a delivery
-    // that the read thread is running in us.
+    // Our members die before our Subscriber bases would leave their
+    // producers: leave every one here, which also waits for a delivery that
+    // another thread is running in us.
     Subscriber<IHardwareDevice::Read>::unsubscribe(hwdev);
     Subscriber<IHardwareDevice::Write>::unsubscribe(hwdev);
+    Subscriber<IHardwareDevice::Connect>::unsubscribe(hwdev);
+    if (auto manager = manager_.lock())
+        Subscriber<IDeviceManager::ActiveChanged>::unsubscribe(manager);
+    std::shared_ptr<IFeature> wireless;
+    {
+        std::lock_guard<std::mutex> lock(features_mutex);
+        for (const auto& entry : feature_table) {
+            if (entry.second && entry.second->featureId() == kWirelessStatusId)
+                wireless = entry.second;
+        }
+    }
+    if (auto status = std::dynamic_pointer_cast<IFeature1D4BWirelessStatus>(wireless))
+        Subscriber<IFeature1D4BWirelessStatus::Report>::unsubscribe(status);
 }
 
 bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     DEVIO_LOG("Device", 2, "initDevice", "Device::initDevice() enter");
     manager_ = manager;
     const int product = hwdev->pid();
-    if (is_receiver_product(product) || hwdev->bustype() == kBusTypeReceiver) {
+    if (shares_receiver_mutex(product) || hwdev->bustype() == kBusTypeReceiver) {
         device_mutex.init("VantBraid");
     } else {
         char name[32];
@@ -50,8 +67,19 @@ bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {
     }
     DEVIO_LOG("Device", 2, "initDevice", "Device::initDevice enter, pid=0x%x",
               static_cast<unsigned>(product));
+    if (manager &&
+        !Subscriber<IDeviceManager::ActiveChanged>::subscribe(manager, DeliveryRunLoop)) {
+        manager->report_unreported_error(
+            "Device::initDevice subscribe(IDeviceManager::ActiveChanged)");
+    }
     if (manager) active = manager->is_active();
+    deactivation_timer = std::make_shared<Timer>(kDeactivationTimerId);
+    if (!Subscriber<ITimer::TimerEvent>::subscribe(deactivation_timer, DeliveryRunLoop) && manager)
+        manager->report_unreported_error("Device::initDevice subscribe(deactivation_timer)");
     make_cache_write_timer();
+    fw_check_timer = std::make_shared<Timer>(kFwCheckTimerId);
+    if (!Subscriber<ITimer::TimerEvent>::subscribe(fw_check_timer, DeliveryRunLoop) && manager)
+        manager->report_unreported_error("Device::initDevice subscribe(fw_check_timer)");
     if (hwdev->bustype() == kBusTypeReceiver) {
         bool enabled = false;
         if (manager && manager->config_get(kBrbConfigItem, &enabled) && enabled) {
@@ -80,6 +108,8 @@ void Device::uninitDevice() {
         hw_started = false;
         read_path_ready = false;
     }
+    if (auto manager = manager_.lock())
+        Subscriber<IDeviceManager::ActiveChanged>::unsubscribe(manager);
     hwdev->close();
     DEVIO_LOG("Device", 2, "uninitDevice", "Device::uninitDevice() exit");
 }
@@ -115,7 +145,14 @@ bool Device::lazy_hw_init() {
 bool Device::connected() {
     lazy_hw_init();
     std::lock_guard<std::mutex> lock(hw_start_mutex);
+    int nothing_said = 0;
+    reported_state.compare_exchange_strong(nothing_said, is_connected ? 2 : 1);
     return is_connected;
+}
+
+bool Device::on_subscribe(IDevice::Connect* /*subscriber*/) {
+    DEVIO_LOG("Device", 2, "on_subscribe", "subscribing to connect");
+    return lazy_hw_init();
 }
 
 bool Device::on_subscribe(IDevice::WriteReport* /*subscriber*/) {

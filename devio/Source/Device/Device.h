@@ -13,15 +13,25 @@
 #include "Base/Producer.h"
 #include "Base/Subscriber.h"
 #include "Bus/IHardwareDevice.h"
+#include "Bus/IReceiverDevice.h"
 #include "Device/ExchangeTiming.h"
 #include "Device/IDevice.h"
 #include "Device/PendingExchange.h"
 #include "Device/ResponseCache.h"
 #include "Device/SoftwareIds.h"
 #include "Features/IFeature.h"
+#include "Features/IFeature0020ConfigChange.h"
+#include "Features/IFeature1D4BWirelessStatus.h"
 #include "Manager/IDeviceManager.h"
 
 namespace devio {
+
+// The ids of the device's timers, and the features its connection uses.
+inline constexpr int kDeactivationTimerId = 0;
+inline constexpr int kCacheWriteTimerId = 1;
+inline constexpr int kFwCheckTimerId = 2;
+inline constexpr unsigned kConfigChangeId = 0x0020;
+inline constexpr unsigned kWirelessStatusId = 0x1D4B;
 
 // One logical device over one hardware device: it classifies every report
 // that the hardware reads, and turns "send a command, wait for its answer"
@@ -63,6 +73,8 @@ class Device : public IDevice,
                public Subscriber<IHardwareDevice::Write>,
                public Subscriber<IHardwareDevice::Connect>,
                public Subscriber<ITimer::TimerEvent>,
+               public Subscriber<IDeviceManager::ActiveChanged>,
+               public Subscriber<IFeature1D4BWirelessStatus::Report>,
                public std::enable_shared_from_this<Device> {
 public:
     using Match = std::vector<std::uint32_t>;
@@ -93,6 +105,12 @@ public:
                                 int cache_mode, const Match& match) override;
     void abandon() override;
     bool retry_load_feature_root() override;
+    bool configured() override;
+    bool set_configured(const std::shared_ptr<IFeature>& feature) override;
+    bool set_pending(const std::shared_ptr<IFeature>& feature) override;
+    bool has_pending() override;
+    void confirm_configuration() override;
+    bool shutdown() override;
     int hw_value() override { return hwdev->hw_value(); }
     unsigned rand_range(unsigned low, int high) override;
 
@@ -145,12 +163,24 @@ public:
     // ITimer::TimerEvent, delivered on the host's pumping thread.
     void onTimerEvent(int id) override;
 
+    // The connection logic; all of it runs on the host's pumping thread
+    // (delivery 0), one handler at a time, and sends commands from there.
+    // IHardwareDevice::Connect: the data path came up or went down; also run
+    // by the firmware check timer, `confirm_configuration` and activity.
+    void onConnect(const std::shared_ptr<IHardwareDevice>& hw) override;
+    void onDisconnect(const std::shared_ptr<IHardwareDevice>& hw) override;
+    // IDeviceManager::ActiveChanged: an inactive session leaves devices alone.
+    void onActiveChanged(bool active) override;
+    // IFeature1D4BWirelessStatus::Report: settings lost without a link loss.
+    void onWirelessStatusEvent(bool reconnect, bool config_needed, bool powerswitch) override;
+
 protected:
     // Classifies one report (a copy that may be rewritten).
     ReportType onReadHandler(std::vector<Byte>& report, bool rewrite_index);
 
     using Producer<IDevice::Report>::on_subscribe;
-    using Producer<IDevice::Connect>::on_subscribe;
+    // A subscriber to connection events starts the hardware side.
+    bool on_subscribe(IDevice::Connect* subscriber) override;
     using Producer<IDevice::ConfigChange>::on_subscribe;
     // A diagnostic subscriber to our write reports also wants those of the
     // hardware, every good and bad write.
@@ -177,6 +207,20 @@ private:
     bool subscribe_read();
     bool ensure_read_path();
 
+    // Connection and configuration pieces.
+    void perform_deactivate();
+    void subscribe_wireless_status();
+    std::shared_ptr<IFeature0020ConfigChange> config_change_feature();
+    // The hooks of a device behind a receiver, or null.
+    IReceiverDevice* receiver_hooks();
+    void produce_connect(bool configured_by_us, const char* name);
+    void produce_disconnect(const char* name);
+    void produce_config_change();
+    // Empties `configured_features` and tells each feature: of a reset by
+    // deactivation, or of a lost configuration.
+    void drop_configuration(bool reset);
+    void report(const char* where);
+
     // Connection (fields used by the engine and the read path).
     std::weak_ptr<IDeviceManager> manager_;
     const std::shared_ptr<IHardwareDevice> hwdev;
@@ -189,7 +233,22 @@ private:
     std::atomic<std::uint16_t> cookie{0};
     bool hw_started = false;
     bool read_subscribed = false;
-    std::mutex hw_start_mutex;  // guards hw_started and read_subscribed
+    std::mutex hw_start_mutex;  // guards hw_started, read_subscribed, is_connected
+
+    // Configuration by this host. `config_mutex` guards the lists and marks
+    // below and is never held during a command or a production.
+    std::vector<std::shared_ptr<IFeature>> configured_features;  // guarded by config_mutex
+    std::vector<std::shared_ptr<IFeature>> pending_features;     // guarded by config_mutex
+    bool device_unowned_but_dirty = false;                       // guarded by config_mutex
+    bool receiver_notified = false;                              // guarded by config_mutex
+    std::uint16_t foreign_cookie = 0;                            // guarded by config_mutex
+    std::mutex config_mutex;
+    std::atomic<bool> shutting_down{false};
+    // 0 nothing said yet, 1 disconnected, 2 connected.
+    std::atomic<int> reported_state{0};
+    // Made in initDevice and constant after; ids 0 and 2 (1 is the cache's).
+    std::shared_ptr<ITimer> deactivation_timer;
+    std::shared_ptr<ITimer> fw_check_timer;
     std::atomic<bool> read_path_ready{false};
 
     // Report routing.

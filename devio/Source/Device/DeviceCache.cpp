@@ -17,7 +17,6 @@
 namespace devio {
 
 namespace {
-constexpr int kCacheWriteTimerId = 1;
 
 // Writes the whole of `text` to `name` through a new file beside it, so
 // that a reader never meets a half-written cache: a damaged file would
@@ -49,10 +48,6 @@ void Device::make_cache_write_timer() {
         if (auto manager = manager_.lock())
             manager->report_unreported_error("Device::initDevice subscribe(cache_write_timer)");
     }
-}
-
-void Device::onTimerEvent(int id) {
-    if (id == kCacheWriteTimerId) perform_cache_write();
 }
 
 void Device::persistent_data_directory(const std::string& dir) {

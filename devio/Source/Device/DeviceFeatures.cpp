@@ -112,6 +112,7 @@ bool Device::load_feature_root(bool retry) {
                   "load_feature_root failing (load_fwinfo failed)");
         return false;
     }
+    subscribe_wireless_status();
     DEVIO_LOG("Device", 2, "load_feature_root", "Device::load_feature_root exit (true, success)");
     return true;
 }
@@ -190,6 +191,7 @@ bool Device::load_features() {
         put_feature(index, id, obsolete, hidden, engineering, version);
     }
     all_features_loaded = true;
+    subscribe_wireless_status();
     DEVIO_LOG("Device", 2, "load_features", "Device::load_features success (%d features)",
               static_cast<int>(count));
     return true;
@@ -219,6 +221,14 @@ void Device::forget() {
     }
     feature_root_state = kRootUnknown;
     all_features_loaded = false;
+    bool had_configuration;
+    {
+        std::lock_guard<std::mutex> lock(config_mutex);
+        had_configuration = !configured_features.empty();
+        configured_features.clear();
+        pending_features.clear();
+    }
+    if (had_configuration) produce_config_change();
     cache.clear();
     DEVIO_LOG("Device", 2, "forget", "Device::forget() exit");
 }

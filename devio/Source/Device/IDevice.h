@@ -117,6 +117,19 @@ public:
     virtual void abandon() = 0;
     // Asks the device again whether it speaks VXP 2.0, after an answer that
     // said it does not.
+    // Configuration by this host: a feature that wrote settings into the
+    // device says so (the first one makes the device ours with a new
+    // cookie), one that waits for the next connection says that; the
+    // device counts as configured while any feature has written.
+    virtual bool configured() = 0;
+    virtual bool set_configured(const std::shared_ptr<IFeature>& feature) = 0;
+    virtual bool set_pending(const std::shared_ptr<IFeature>& feature) = 0;
+    virtual bool has_pending() = 0;
+    // Runs the connection check now, as a reconnection would.
+    virtual void confirm_configuration() = 0;
+    // Hands the device back before exit: clears our cookie when we left
+    // settings in it.
+    virtual bool shutdown() = 0;
     virtual bool retry_load_feature_root() = 0;
     virtual int hw_value() = 0;
     virtual unsigned rand_range(unsigned low, int high) = 0;

@@ -68,6 +68,8 @@ public:
     // While on, each command is followed by a request whose answer flushes
     // the late answer to it out of the device.
     bool brb_workaround_active() const { return brb_active; }
+    // A (re)connected device starts without the late answers it had.
+    void deactivate_brb() { brb_active = false; }
 
 private:
     void complete(const std::vector<Byte>& report);

@@ -45,8 +45,7 @@ DeviceManager::~DeviceManager() {
         devices_now = deviceList;
         tops = top_busses;
     }
-    // FIXME: hand each device back with its shutdown (it takes commands)
-    // once the connection logic gives devices one.
+    for (const auto& [hw, device] : devices_now) device->shutdown();
     for (const auto& bus : tops) removeBus(bus);
     if (addbus_retry_timer) addbus_retry_timer->stop();
     // From here on nothing is queued any more. Queued closures die with the

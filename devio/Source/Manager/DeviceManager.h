@@ -39,9 +39,10 @@ class Device;
 // of running deliveries, and is never held while a closure runs or an event
 // is produced.
 //
-// Lock order: `stack_mutex`, then a producer's mutex, then `list_mutex` or
-// `queue_mutex`. The RunLoopEvent producer's mutex is taken only after
-// `queue_mutex` was released.
+// Lock order: `stack_mutex`, then `plug_mutex`, then a producer's mutex, then
+// `list_mutex` or `queue_mutex`. A direct subscriber of arrivals and removals
+// runs under `plug_mutex` and must not wait for another thread that plugs. The RunLoopEvent
+// producer's mutex is taken only after `queue_mutex` was released.
 class DeviceManager : public IDeviceManager,
                       public Producer<IDeviceManager::ArrivalRemoval>,
                       public Producer<IDeviceManager::ActiveChanged>,
@@ -181,6 +182,9 @@ private:
 
     std::mutex stack_mutex;
     std::mutex list_mutex;
+    // Held through onPlug and onUnplug, arrival and removal events included;
+    // recursive, since removing a receiver unplugs its children.
+    std::recursive_mutex plug_mutex;
 };
 
 }  // namespace devio

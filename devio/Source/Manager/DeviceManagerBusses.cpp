@@ -205,6 +205,9 @@ std::shared_ptr<IDevice> DeviceManager::makeDevice(const std::shared_ptr<IHardwa
 }
 
 void DeviceManager::onPlug(const std::shared_ptr<IHardwareDevice>& hw) {
+    // The start (on the thread inside devices) and a pumping host may both
+    // plug the same device: one at a time, so that the second finds it known.
+    std::lock_guard<std::recursive_mutex> plugging(plug_mutex);
     const int pid = hw->pid();
     DM_LOG(2, "onPlug", "DeviceManager::onPlug(pid=0x%x) begin...", pid);
     if (!hw->open()) {
@@ -269,6 +272,7 @@ void DeviceManager::start_retry(const std::shared_ptr<IHardwareBus>& bus) {
 }
 
 void DeviceManager::onUnplug(const std::shared_ptr<IHardwareDevice>& hw) {
+    std::lock_guard<std::recursive_mutex> plugging(plug_mutex);
     const int pid = hw->pid();
     DM_LOG(2, "onUnplug", "DeviceManager::onUnplug(pid=0x%x) begin...", pid);
     std::shared_ptr<IDevice> device;
@@ -303,8 +307,15 @@ void DeviceManager::onUnplug(const std::shared_ptr<IHardwareDevice>& hw) {
 void DeviceManager::onPowerChange(bool standBy) {
     DM_LOG(2, "onPowerChange", "DeviceManager::onPowerChange(standBy=%d)", standBy);
     if (standBy) return;
-    // FIXME: on resume each receiver re-reads its paired devices and each
-    // device re-confirms its configuration, once both exist.
+    // FIXME: each receiver's bus re-reads its paired devices first, once
+    // receivers have one.
+    DeviceList devices_now;
+    {
+        std::lock_guard<std::mutex> lock(list_mutex);
+        devices_now = deviceList;
+    }
+    // The machine slept: any device may have lost what we wrote into it.
+    for (const auto& [hw, device] : devices_now) device->confirm_configuration();
 }
 
 void DeviceManager::onTimerEvent(int id) {
