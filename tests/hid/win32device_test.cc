@@ -180,8 +180,8 @@ TEST_F(Win32DeviceTest, SharedNodeGivesOnePiecePerCollection) {
         3, {hidtest::ueventFor(kVid, 0xC0DF), hidtest::vendorShortAndLong(), true, ""});
     const auto found = bus->devices();
     ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found[0]->path(), tree.devicePath(3) + "#col1");
-    EXPECT_EQ(found[1]->path(), tree.devicePath(3) + "#col2");
+    EXPECT_EQ(found[0]->path(), tree.locatedPath() + "#col1");
+    EXPECT_EQ(found[1]->path(), tree.locatedPath() + "#col2");
     EXPECT_EQ(found[0]->collection_id(), 1);
     EXPECT_EQ(found[1]->collection_id(), 2);
     EXPECT_EQ(found[0]->max_report_size(), 7);
@@ -224,7 +224,8 @@ TEST_F(Win32DeviceTest, EnumerationSkipsForeignInterfacesAndLeavesNoError) {
 // and the opened device shows its facts until its node goes.
 TEST_F(Win32DeviceTest, GoodCollectionWritesRefusesAndNoticesItsNodeGoing) {
     auto& peer = addLong(0);
-    auto dev = device(0);
+    // Named as enumeration names it: by where it sits, not by its node.
+    auto dev = std::make_shared<Win32Device>(bus, system(), tree.locatedPath(), 0);
     Recorder rec;
     ASSERT_TRUE(rec.devio::Subscriber<IHardwareDevice::Write>::subscribe(dev, 1, ""));
     struct BadWrite {
@@ -269,7 +270,7 @@ TEST_F(Win32DeviceTest, GoodCollectionWritesRefusesAndNoticesItsNodeGoing) {
     EXPECT_EQ(dev->max_report_size(), 20);
     EXPECT_EQ(dev->collection_id(), 2);
     EXPECT_EQ(dev->collections_expected(), 3);
-    EXPECT_EQ(dev->path(), tree.devicePath(0));
+    EXPECT_EQ(dev->path(), tree.locatedPath());
     EXPECT_TRUE(dev->verify_connection_following_timeout());
     tree.removeNodeFiles(0);
     EXPECT_FALSE(dev->verify_connection_following_timeout()) << "a zombie after a time-out";
