@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libcurl4-openssl-dev zlib1g-dev nlohmann-json3-dev librapidxml-dev
-  libudev-dev libsystemd-dev
+  libudev-dev libsystemd-dev dbus-daemon python3-dbusmock
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   python3 openssl tzdata
   clang libclang-rt-14-dev clang-format

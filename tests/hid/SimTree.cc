@@ -126,6 +126,13 @@ std::string SimTree::devicePath(unsigned n) const {
     return p;
 }
 
+std::string SimTree::locatedPath() const {
+    std::string p = dev_ + "/hidraw@usb-0000:00:14.0-1/input2";
+    std::transform(p.begin(), p.end(), p.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return p;
+}
+
 Peer& SimTree::addNode(unsigned n, const NodeSpec& node) {
     const std::string num = std::to_string(n);
     const std::string usb = sys_ + "/devices/pci0000:00/usb" + num + "/" + num + "-1";
@@ -139,6 +146,7 @@ Peer& SimTree::addNode(unsigned n, const NodeSpec& node) {
     }
     if (!node.product.empty()) std::ofstream(usb + "/product") << node.product << "\n";
     std::ofstream(usb + "/bcdDevice") << "1203\n";
+    std::ofstream(usb + "/idVendor") << "2e5a\n";
     fs::create_directory_symlink("../../../0003:2E5A:C5" + num + ".000" + num,
                                  hid + "/hidraw/hidraw" + num + "/device");
     fs::create_directory_symlink(hid + "/hidraw/hidraw" + num, sys_ + "/class/hidraw/hidraw" + num);

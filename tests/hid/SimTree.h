@@ -74,6 +74,9 @@ public:
     const std::string& sysRoot() const { return sys_; }
     const std::string& devRoot() const { return dev_; }
     std::string devicePath(unsigned n) const;  // the interface path, lower case
+    // The path enumeration gives a node alone on the machine: its location
+    // (the HID_PHYS of ueventFor), lower case.
+    std::string locatedPath() const;
 
 private:
     std::string dir_, sys_, dev_;

@@ -4,6 +4,9 @@
 #include "Windows/Win32Device.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +14,7 @@
 
 #include "Base/ErrorRecord.h"
 #include "Base/Subscriber.h"
+#include "Linux/HidNode.h"
 #include "SimTree.h"
 #include "TestSupport.h"
 #include "descriptors.h"
@@ -180,8 +184,8 @@ TEST_F(Win32DeviceTest, SharedNodeGivesOnePiecePerCollection) {
         3, {hidtest::ueventFor(kVid, 0xC0DF), hidtest::vendorShortAndLong(), true, ""});
     const auto found = bus->devices();
     ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found[0]->path(), tree.devicePath(3) + "#col1");
-    EXPECT_EQ(found[1]->path(), tree.devicePath(3) + "#col2");
+    EXPECT_EQ(found[0]->path(), tree.locatedPath() + "#col1");
+    EXPECT_EQ(found[1]->path(), tree.locatedPath() + "#col2");
     EXPECT_EQ(found[0]->collection_id(), 1);
     EXPECT_EQ(found[1]->collection_id(), 2);
     EXPECT_EQ(found[0]->max_report_size(), 7);
@@ -224,7 +228,8 @@ TEST_F(Win32DeviceTest, EnumerationSkipsForeignInterfacesAndLeavesNoError) {
 // and the opened device shows its facts until its node goes.
 TEST_F(Win32DeviceTest, GoodCollectionWritesRefusesAndNoticesItsNodeGoing) {
     auto& peer = addLong(0);
-    auto dev = device(0);
+    // Named as enumeration names it: by where it sits, not by its node.
+    auto dev = std::make_shared<Win32Device>(bus, system(), tree.locatedPath(), 0);
     Recorder rec;
     ASSERT_TRUE(rec.devio::Subscriber<IHardwareDevice::Write>::subscribe(dev, 1, ""));
     struct BadWrite {
@@ -269,7 +274,7 @@ TEST_F(Win32DeviceTest, GoodCollectionWritesRefusesAndNoticesItsNodeGoing) {
     EXPECT_EQ(dev->max_report_size(), 20);
     EXPECT_EQ(dev->collection_id(), 2);
     EXPECT_EQ(dev->collections_expected(), 3);
-    EXPECT_EQ(dev->path(), tree.devicePath(0));
+    EXPECT_EQ(dev->path(), tree.locatedPath());
     EXPECT_TRUE(dev->verify_connection_following_timeout());
     tree.removeNodeFiles(0);
     EXPECT_FALSE(dev->verify_connection_following_timeout()) << "a zombie after a time-out";
@@ -357,6 +362,31 @@ TEST_F(Win32DeviceTest, PeerThatClosesMakesTheReadThreadReportRemoval) {
     EXPECT_FALSE(dev->open());
     EXPECT_EQ(devio::error_record().err, devio::DeviceRemoved);
     dev->close();
+}
+
+// A stalled hidraw transfer (EPIPE from a node that is no socket) is the
+// failure that a retry may overcome; on a socket node the same error is the
+// peer gone. A pipe stands in for a hidraw node: a plain write, no socket.
+TEST(HidNodeWrite, StallIsRetriedWhereASocketPeerIsGone) {
+    ::signal(SIGPIPE, SIG_IGN);
+    int pipe_fds[2], pair[2];
+    ASSERT_EQ(::pipe(pipe_fds), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+    ::close(pipe_fds[0]);
+    ::close(pair[1]);
+    const std::vector<std::uint8_t> report(20, 0x11);
+    struct Case {
+        int fd;
+        devio::linux_hid::NodeWrite expected;
+    };
+    for (const Case& c : {Case{pipe_fds[1], devio::linux_hid::NodeWrite::GeneralFailure},
+                          Case{pair[0], devio::linux_hid::NodeWrite::Failed}}) {
+        int err = 0;
+        EXPECT_EQ(devio::linux_hid::writeNode(c.fd, report, 100, err), c.expected);
+        EXPECT_EQ(err, EPIPE);
+    }
+    ::close(pipe_fds[1]);
+    ::close(pair[0]);
 }
 
 }  // namespace

@@ -31,16 +31,26 @@ TEST(Machine, LayoutsAcceptedByTheBinding) {
         const char* name;
         const char* collections;  // JSON, empty for the default
         const char* bus;
+        // The physical location that names the interfaces, stable across
+        // replugs.
+        const char* location;
         std::vector<std::string> suffixes;
         std::vector<int> ids;
         int expected;
         std::vector<int> sizes;
     };
     const Layout layouts[] = {
-        {"long", "", "usb", {""}, {2}, 2, {20}},
-        {"bluetooth", "", "bluetooth", {""}, {2}, 2, {20}},
-        {"split", split, "usb", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
-        {"masked", masked, "usb", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
+        {"long", "", "usb", "usb-sim-1-1/input0", {""}, {2}, 2, {20}},
+        {"bluetooth",
+         "",
+         "bluetooth",
+         "bt-00:1a:7d:da:71:13-00:1f:20:b0:21:01",
+         {""},
+         {2},
+         2,
+         {20}},
+        {"split", split, "usb", "usb-sim-1-1/input0", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
+        {"masked", masked, "usb", "usb-sim-1-1/input0", {"#col1", "#col2"}, {1, 2}, 3, {7, 20}},
     };
     for (const Layout& l : layouts) {
         SCOPED_TRACE(l.name);
@@ -53,7 +63,7 @@ TEST(Machine, LayoutsAcceptedByTheBinding) {
         for (std::size_t i = 0; i < found.size(); ++i) {
             SCOPED_TRACE(i);
             // Paths are lower case, whatever the case of the machine's folder.
-            std::string want = sim.path(0, l.suffixes[i]);
+            std::string want = sim.machine().devRoot() + "/hidraw@" + l.location + l.suffixes[i];
             for (char& c : want) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
             EXPECT_EQ(found[i]->path(), want);
             ASSERT_TRUE(found[i]->open()) << devio::error_record().err;

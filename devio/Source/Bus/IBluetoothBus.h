@@ -35,6 +35,10 @@ public:
     };
 
     virtual ~IBluetoothBus() = default;
+
+    // The platform bus hands on each of its device-change messages once it
+    // has handled them; `header` is the platform's record, or null.
+    virtual void process_wm_devicechange(unsigned /*event*/, const void* /*header*/) {}
 };
 
 namespace event_names {

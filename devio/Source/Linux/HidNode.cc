@@ -25,6 +25,19 @@ bool isGoneError(int e) {
            e == ESHUTDOWN;
 }
 
+// What usbhid gives for a report that did not get through this time, where
+// the device itself is still there:
+// EPIPE     the endpoint stalled: the device refused the transfer;
+// EPROTO    a low-level transfer error on the bus (bit stuffing, babble);
+// EILSEQ    a CRC error on the bus;
+// ETIMEDOUT the SET_REPORT control transfer of a device without an
+//           interrupt-out endpoint timed out.
+// On a socket node EPIPE is the peer gone instead, so this applies to
+// hidraw writes only.
+bool isTransientWriteError(int e) {
+    return e == EPIPE || e == EPROTO || e == EILSEQ || e == ETIMEDOUT;
+}
+
 int connectSocket(const std::string& path, int& sys_error) {
     sockaddr_un addr{};
     if (path.size() >= sizeof addr.sun_path) {
@@ -108,7 +121,11 @@ NodeWrite writeNode(int fd, std::span<const std::uint8_t> report, std::uint32_t 
         // MSG_NOSIGNAL keeps a closed peer from raising SIGPIPE; hidraw is no
         // socket, so it gets a plain write.
         ssize_t w = ::send(fd, report.data(), report.size(), MSG_NOSIGNAL);
-        if (w < 0 && errno == ENOTSOCK) w = ::write(fd, report.data(), report.size());
+        bool hidraw = false;
+        if (w < 0 && errno == ENOTSOCK) {
+            hidraw = true;
+            w = ::write(fd, report.data(), report.size());
+        }
         if (w >= 0) {
             if (static_cast<std::size_t>(w) == report.size()) return NodeWrite::Done;
             sys_error = EIO;  // a report goes whole or not at all
@@ -117,7 +134,8 @@ NodeWrite writeNode(int fd, std::span<const std::uint8_t> report, std::uint32_t 
         if (errno == EINTR) continue;
         if (errno != EAGAIN) {
             sys_error = errno;
-            return NodeWrite::Failed;
+            return hidraw && isTransientWriteError(errno) ? NodeWrite::GeneralFailure
+                                                          : NodeWrite::Failed;
         }
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();

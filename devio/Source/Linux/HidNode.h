@@ -23,9 +23,11 @@ enum class NodeRead { Report, Stopped, Failed, Gone };
 NodeRead readNode(int fd, int stop_fd, std::span<std::uint8_t> buffer, std::size_t& got,
                   int& sys_error);
 
-enum class NodeWrite { Done, TimedOut, Failed };
+enum class NodeWrite { Done, TimedOut, Failed, GeneralFailure };
 
 // Writes one report, waiting at most `timeout_ms` for the node to take it.
+// GeneralFailure is a transfer that the device or the bus refused this
+// once, where trying again may succeed.
 NodeWrite writeNode(int fd, std::span<const std::uint8_t> report, std::uint32_t timeout_ms,
                     int& sys_error);
 

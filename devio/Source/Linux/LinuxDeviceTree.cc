@@ -17,8 +17,9 @@ bool isUnder(const std::string& path, const std::string& dir) {
 
 std::string LinuxSystem::setupdi_instance_from_path(const std::string& path) {
     const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
-    if (!parsed) return {};
-    return linux_hid::toLower(sysfs_.deviceDirectory(parsed->node));
+    const std::string node = parsed ? resolve(*parsed) : std::string();
+    if (node.empty()) return {};
+    return linux_hid::toLower(sysfs_.deviceDirectory(node));
 }
 
 std::string LinuxSystem::setupdi_instance_from_devnode(std::uint32_t devnode) {

@@ -1,11 +1,14 @@
 #include "Linux/LinuxSystem.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
+#include "Base/ClassLog.h"
 #include "Base/DevioException.h"
 #include "Hid/ReportDescriptor.h"
 #include "Linux/HidNode.h"
@@ -20,24 +23,95 @@ struct HidPreparsedData {
 
 namespace {
 constexpr const char kHidClass[] = "hidraw";
+// The maker's USB vendor id: its nodes are the ones worth a warning when
+// they cannot be opened.
+constexpr std::uint16_t kMakerVendorId = 0x2E5A;
 
 std::uint32_t hidrawNumber(const std::string& node) {
     return static_cast<std::uint32_t>(std::stoul(node.substr(6)));
 }
+
 }  // namespace
 
+class LinuxSystem::Use {
+public:
+    Use(LinuxSystem& system, PlatformHandle handle) : system_(system), handle_(handle) {
+        std::lock_guard<std::mutex> lock(system_.mutex_);
+        const auto it = system_.open_.find(handle);
+        if (it == system_.open_.end() || it->second.retired) return;
+        ++it->second.users;
+        fd_ = it->second.fd;
+    }
+    ~Use() {
+        if (fd_ < 0) return;
+        std::lock_guard<std::mutex> lock(system_.mutex_);
+        const auto it = system_.open_.find(handle_);
+        if (--it->second.users > 0 || !it->second.retired) return;
+        // The last call working on a closed handle lets its number go.
+        ::close(it->second.fd);
+        system_.open_.erase(it);
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    int fd() const { return fd_; }
+    // True once the handle was closed while this call used it.
+    bool closedMeanwhile() const {
+        std::lock_guard<std::mutex> lock(system_.mutex_);
+        return system_.open_.at(handle_).retired;
+    }
+    void setReaderStop(int stop) {
+        std::lock_guard<std::mutex> lock(system_.mutex_);
+        system_.open_.at(handle_).reader_stop = stop;
+    }
+
+private:
+    LinuxSystem& system_;
+    PlatformHandle handle_;
+    int fd_ = -1;
+};
+
 LinuxSystem::LinuxSystem(std::string sysfs_root, std::string dev_root)
-    : sysfs_(std::move(sysfs_root)), dev_root_(std::move(dev_root)) {}
+    : sysfs_(std::move(sysfs_root)), dev_root_(std::move(dev_root)) {
+    int pair[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0) {
+        ::close(pair[1]);
+        placeholder_ = pair[0];
+    }
+}
+
+LinuxSystem::~LinuxSystem() {
+    for (const auto& [handle, entry] : open_) ::close(entry.fd);
+    if (placeholder_ >= 0) ::close(placeholder_);
+}
 
 std::string LinuxSystem::hid_interface_class() {
     return kHidClass;
 }
 
+std::map<std::string, std::string> LinuxSystem::namesOf(const std::vector<std::string>& nodes) {
+    std::map<std::string, std::string> where;
+    std::map<std::string, int> count;
+    for (const std::string& node : nodes) {
+        where[node] = sysfs_.location(node);
+        if (!where[node].empty()) ++count[where[node]];
+    }
+    // Two devices never share a path: a location that two nodes claim names
+    // neither of them.
+    for (auto& [node, location] : where)
+        location =
+            location.empty() || count[location] > 1 ? node : linux_hid::locationName(location);
+    return where;
+}
+
 std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
+    int err = 0;
+    const auto names = namesOf(sysfs_.listNodes(err));
+    const auto named = names.find(node);
+    if (named == names.end()) return {};
     std::vector<std::uint8_t> bytes;
     hid::ReportDescriptor rd;
     std::string why;
-    int err = 0;
     std::size_t collections = 1;
     // A node whose descriptor cannot be read or parsed is still listed, once:
     // opening it is what refuses it, with the reason.
@@ -47,7 +121,8 @@ std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
     std::vector<HidInterface> out;
     for (std::size_t k = 0; k < collections; ++k) {
         const auto which = collections > 1 ? std::optional<std::size_t>(k) : std::nullopt;
-        out.push_back({linux_hid::formatInterfacePath(dev_root_, node, which), hidrawNumber(node)});
+        out.push_back(
+            {linux_hid::formatInterfacePath(dev_root_, named->second, which), hidrawNumber(node)});
     }
     return out;
 }
@@ -67,49 +142,106 @@ std::vector<HidInterface> LinuxSystem::enumerate_interfaces(const std::string& i
     return out;
 }
 
+std::string LinuxSystem::resolve(const linux_hid::InterfacePath& path) {
+    if (path.location.empty()) return path.node;
+    const std::string wanted = linux_hid::locationName(path.location);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = located_.find(path.location);
+        // The node remembered is checked again: it may be another device's
+        // by now.
+        if (it != located_.end() && sysfs_.location(it->second) == path.location) return it->second;
+    }
+    int err = 0;
+    for (const auto& [node, name] : namesOf(sysfs_.listNodes(err))) {
+        if (name != wanted) continue;
+        std::lock_guard<std::mutex> lock(mutex_);
+        located_[path.location] = node;
+        return node;
+    }
+    return {};
+}
+
+// A normal user cannot open hidraw nodes unless a udev rule grants it, and
+// devices() is then silently empty; one warning says why.
+void LinuxSystem::warnIfDenied(const std::string& node, int err) {
+    static std::atomic<bool> warned{false};
+    if (err != EACCES && err != EPERM) return;
+    const auto ev = sysfs_.readUevent(node);
+    if (!ev || !ev->has_id || ev->vendor != kMakerVendorId || warned.exchange(true)) return;
+    DEVIO_LOG("LinuxSystem", 1, "open_interface",
+              "-hid- %s/%s of a Vantrel device cannot be opened: permission denied; the "
+              "udev rule that grants access is not installed",
+              dev_root_.c_str(), node.c_str());
+}
+
+PlatformHandle LinuxSystem::addHandle(int fd, std::optional<OpenInterface> iface) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The serial keeps a reused descriptor number from matching an old handle.
+    const auto handle = static_cast<PlatformHandle>(
+        (static_cast<std::uint64_t>(next_serial_++) << 32) | static_cast<std::uint32_t>(fd));
+    if (next_serial_ > 0x7FFFFFFF) next_serial_ = 1;
+    open_[handle] = Entry{fd, std::move(iface), 0, false, -1};
+    return handle;
+}
+
 PlatformHandle LinuxSystem::open_interface(const std::string& path, std::uint32_t& sys_error) {
     const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
-    if (!parsed) {
+    const std::string node = parsed ? resolve(*parsed) : std::string();
+    if (node.empty()) {
         sys_error = ENOENT;
         return kInvalidHandle;
     }
     int err = 0;
-    const int fd = linux_hid::openNode(dev_root_ + "/" + parsed->node, err);
+    const int fd = linux_hid::openNode(dev_root_ + "/" + node, err);
     if (fd < 0) {
+        warnIfDenied(node, err);
         sys_error = static_cast<std::uint32_t>(err);
         return kInvalidHandle;
     }
-    OpenInterface entry{parsed->node, parsed->collection, {}};
+    OpenInterface entry{node, parsed->collection, {}};
     if (parsed->collection) {
         std::vector<std::uint8_t> bytes;
         hid::ReportDescriptor rd;
         std::string why;
-        if (loadDescriptor(parsed->node, fd, bytes, err) &&
-            hid::parseReportDescriptor(bytes, rd, why) &&
+        if (loadDescriptor(node, fd, bytes, err) && hid::parseReportDescriptor(bytes, rd, why) &&
             *parsed->collection < rd.collections.size()) {
             entry.input_ids =
                 hid::summarizeCollection(rd.collections[*parsed->collection]).input.report_ids;
         }
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_[fd] = std::move(entry);
-    return fd;
+    return addHandle(fd, std::move(entry));
 }
 
+// A handle in use elsewhere is retired rather than closed: its number now
+// holds the placeholder, and a read waiting on it is woken through its stop
+// event (closing a descriptor does not wake poll). The last user closes it.
 void LinuxSystem::close_handle(PlatformHandle handle) {
     if (handle == kInvalidHandle) return;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_.erase(handle);
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = open_.find(handle);
+    if (it == open_.end() || it->second.retired) return;
+    Entry& entry = it->second;
+    if (entry.users == 0) {
+        ::close(entry.fd);
+        open_.erase(it);
+        return;
     }
-    ::close(static_cast<int>(handle));
+    if (placeholder_ >= 0) ::dup2(placeholder_, entry.fd);
+    entry.retired = true;
+    if (entry.reader_stop >= 0) linux_hid::signalStopEvent(entry.reader_stop);
+}
+
+std::string LinuxSystem::nodeOfHandle(PlatformHandle handle) {
+    const auto entry = lookup(handle);
+    return entry ? entry->node : std::string();
 }
 
 std::optional<LinuxSystem::OpenInterface> LinuxSystem::lookup(PlatformHandle handle) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto it = open_.find(handle);
-    if (it == open_.end()) return std::nullopt;
-    return it->second;
+    if (it == open_.end() || it->second.retired || !it->second.iface) return std::nullopt;
+    return it->second.iface;
 }
 
 bool LinuxSystem::loadDescriptor(const std::string& node, int fd, std::vector<std::uint8_t>& out,
@@ -131,9 +263,10 @@ bool LinuxSystem::get_attributes(PlatformHandle handle, HidAttributes& out,
         out.product_id = ev->product;
     } else {
         std::uint32_t bus = 0;
-        int err = 0;
-        if (!linux_hid::queryRawInfo(static_cast<int>(handle), bus, out.vendor_id, out.product_id,
-                                     err)) {
+        int err = EBADF;
+        Use use(*this, handle);
+        if (use.fd() < 0 ||
+            !linux_hid::queryRawInfo(use.fd(), bus, out.vendor_id, out.product_id, err)) {
             sys_error = static_cast<std::uint32_t>(err);
             return false;
         }
@@ -150,8 +283,9 @@ std::shared_ptr<const HidPreparsedData> LinuxSystem::get_preparsed_data(Platform
         return nullptr;
     }
     std::vector<std::uint8_t> bytes;
-    int err = 0;
-    if (!loadDescriptor(entry->node, static_cast<int>(handle), bytes, err)) {
+    int err = EBADF;
+    Use use(*this, handle);
+    if (use.fd() < 0 || !loadDescriptor(entry->node, use.fd(), bytes, err)) {
         sys_error = static_cast<std::uint32_t>(err);
         return nullptr;
     }
@@ -190,26 +324,44 @@ int LinuxSystem::get_product_string(PlatformHandle handle, std::string& out,
 PlatformHandle LinuxSystem::create_event(std::uint32_t& sys_error) {
     int err = 0;
     const int fd = linux_hid::makeStopEvent(err);
-    if (fd < 0) sys_error = static_cast<std::uint32_t>(err);
-    return fd < 0 ? kInvalidHandle : fd;
+    if (fd < 0) {
+        sys_error = static_cast<std::uint32_t>(err);
+        return kInvalidHandle;
+    }
+    return addHandle(fd, std::nullopt);
 }
 
 bool LinuxSystem::set_event(PlatformHandle event) {
-    return linux_hid::signalStopEvent(static_cast<int>(event));
+    Use use(*this, event);
+    return use.fd() >= 0 && linux_hid::signalStopEvent(use.fd());
 }
 bool LinuxSystem::reset_event(PlatformHandle event) {
-    return linux_hid::resetStopEvent(static_cast<int>(event));
+    Use use(*this, event);
+    return use.fd() >= 0 && linux_hid::resetStopEvent(use.fd());
 }
 
 ReadOutcome LinuxSystem::read_report(PlatformHandle handle, PlatformHandle stop_event,
                                      std::vector<Byte>& buffer, std::uint32_t& sys_error) {
     const auto entry = lookup(handle);
     const std::vector<std::uint8_t> ids = entry ? entry->input_ids : std::vector<std::uint8_t>{};
+    Use stop(*this, stop_event);
+    Use node(*this, handle);
+    // A handle closed before this read began has nothing left to read: the
+    // reader stops as if told to.
+    if (stop.fd() < 0 || node.fd() < 0) return ReadOutcome::Stopped;
+    node.setReaderStop(stop.fd());
     for (;;) {
         std::size_t got = 0;
         int err = 0;
-        switch (linux_hid::readNode(static_cast<int>(handle), static_cast<int>(stop_event), buffer,
-                                    got, err)) {
+        const auto r = linux_hid::readNode(node.fd(), stop.fd(), buffer, got, err);
+        // Whatever woke the read, a handle closed meanwhile only holds the
+        // placeholder now: the read fails as one aborted by the close, and
+        // the next finds the handle gone.
+        if (node.closedMeanwhile()) {
+            sys_error = ECANCELED;
+            return ReadOutcome::Failed;
+        }
+        switch (r) {
             case linux_hid::NodeRead::Stopped:
                 return ReadOutcome::Stopped;
             case linux_hid::NodeRead::Gone:
@@ -229,14 +381,21 @@ ReadOutcome LinuxSystem::read_report(PlatformHandle handle, PlatformHandle stop_
 
 WriteOutcome LinuxSystem::write_report(PlatformHandle handle, const std::vector<Byte>& report,
                                        std::uint32_t timeout_ms, std::uint32_t& sys_error) {
+    Use use(*this, handle);
+    if (use.fd() < 0) {
+        sys_error = EBADF;
+        return WriteOutcome::Failed;
+    }
     int err = 0;
-    const auto r = linux_hid::writeNode(static_cast<int>(handle), report, timeout_ms, err);
+    const auto r = linux_hid::writeNode(use.fd(), report, timeout_ms, err);
     sys_error = static_cast<std::uint32_t>(err);
     switch (r) {
         case linux_hid::NodeWrite::Done:
             return WriteOutcome::Done;
         case linux_hid::NodeWrite::TimedOut:
             return WriteOutcome::TimedOut;
+        case linux_hid::NodeWrite::GeneralFailure:
+            return WriteOutcome::GeneralFailure;
         case linux_hid::NodeWrite::Failed:
             break;
     }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Linux/InterfacePath.h"
 #include "Linux/SysfsHidraw.h"
 #include "Windows/IWin32System.h"
 
@@ -16,11 +17,19 @@ namespace devio {
 // default to /sys and /dev and are given otherwise by tests and by the
 // simulated machine.
 //
-// Any thread may call. `mutex_` guards the table of open handles and is held
-// only for lookups, never across a read, a write or a wait.
+// Handles are table entries, never bare descriptors: a handle closed while
+// another thread reads or writes through it keeps its descriptor number
+// taken (by a hung-up placeholder) until that thread has left, so that the
+// number cannot be handed to the next open and its reports read as this
+// device's.
+//
+// Any thread may call. `mutex_` guards the table of handles and the location
+// cache and is held only for lookups, never across a read, a write or a
+// wait.
 class LinuxSystem : public IWin32System {
 public:
     LinuxSystem(std::string sysfs_root, std::string dev_root);
+    ~LinuxSystem() override;
 
     std::string hid_interface_class() override;
     std::vector<HidInterface> enumerate_interfaces(const std::string& interface_class) override;
@@ -52,6 +61,13 @@ public:
     WriteOutcome write_report(PlatformHandle handle, const std::vector<Byte>& report,
                               std::uint32_t timeout_ms, std::uint32_t& sys_error) override;
 
+    // For the device-change window: the interfaces of one node as the bus
+    // names them, and the node behind an open handle (empty if none).
+    std::vector<HidInterface> interfacesOf(const std::string& node);
+    std::string nodeOfHandle(PlatformHandle handle);
+    const linux_hid::SysfsHidraw& sysfs() const { return sysfs_; }
+    const std::string& devRoot() const { return dev_root_; }
+
 private:
     // What an open handle stands for.
     struct OpenInterface {
@@ -61,16 +77,34 @@ private:
         // collections: a read passes on only the reports of its own.
         std::vector<std::uint8_t> input_ids;
     };
+    struct Entry {
+        int fd = -1;
+        std::optional<OpenInterface> iface;  // absent for a stop event
+        int users = 0;                       // calls working on fd now
+        bool retired = false;                // closed; fd holds the placeholder
+        int reader_stop = -1;                // the stop event of a waiting read
+    };
+    // Holds a handle's descriptor for the length of one call.
+    class Use;
 
+    PlatformHandle addHandle(int fd, std::optional<OpenInterface> iface);
     std::optional<OpenInterface> lookup(PlatformHandle handle);
     bool loadDescriptor(const std::string& node, int fd, std::vector<std::uint8_t>& out,
                         int& sys_error);
-    std::vector<HidInterface> interfacesOf(const std::string& node);
+    // The node that a path names now; empty if none.
+    std::string resolve(const linux_hid::InterfacePath& path);
+    // The name each node is given in paths: its location, or the node itself
+    // where it has none or shares it with another node.
+    std::map<std::string, std::string> namesOf(const std::vector<std::string>& nodes);
+    void warnIfDenied(const std::string& node, int err);
 
     linux_hid::SysfsHidraw sysfs_;
     std::string dev_root_;
+    int placeholder_ = -1;  // a hung-up socket: reads end, writes fail
     std::mutex mutex_;
-    std::map<PlatformHandle, OpenInterface> open_;  // guarded by mutex_
+    std::map<PlatformHandle, Entry> open_;        // guarded by mutex_
+    std::uint32_t next_serial_ = 1;               // guarded by mutex_
+    std::map<std::string, std::string> located_;  // location to node; guarded by mutex_
 };
 
 }  // namespace devio

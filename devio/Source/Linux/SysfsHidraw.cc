@@ -18,9 +18,10 @@ namespace devio::linux_hid {
 
 namespace {
 
-// How far above the HID device a USB device may sit (HID device, USB
-// interface, USB device).
-constexpr int kMaxAncestorSteps = 3;
+// How far above the HID device its USB device may sit (USB interface, USB
+// device).
+constexpr int kMaxAncestorSteps = 2;
+constexpr std::uint32_t kBusBluetooth = 0x0005;
 
 bool parseHex(const std::string& text, std::uint32_t& out) {
     if (text.empty() || text.size() > 8) return false;
@@ -168,36 +169,55 @@ std::string SysfsHidraw::deviceDirectory(const std::string& node) const {
     return realPath(nodeDir(node) + "/device");
 }
 
-std::optional<std::string> SysfsHidraw::findAttributeAbove(const std::string& node,
-                                                           const char* attribute) const {
+// The USB device is the first directory above the HID device that carries
+// idVendor: going further would reach a hub, whose name is not the
+// device's.
+std::string SysfsHidraw::usbDeviceAbove(const std::string& node) const {
     std::string dir = deviceDirectory(node);
     const std::string rootReal = realPath(root_);
-    for (int step = 0; step <= kMaxAncestorSteps && !dir.empty(); ++step) {
-        std::string text;
-        int err = 0;
-        if (readSmallFile(dir + "/" + attribute, text, err, 1024)) return trimLine(text);
+    for (int step = 0; step < kMaxAncestorSteps && !dir.empty(); ++step) {
         const auto slash = dir.rfind('/');
         if (slash == std::string::npos || slash == 0) break;
         dir.resize(slash);
         // Never look outside the configured tree.
         if (dir.size() <= rootReal.size()) break;
+        if (::access((dir + "/idVendor").c_str(), F_OK) == 0) return dir;
     }
-    return std::nullopt;
+    return {};
 }
 
 std::string SysfsHidraw::productName(const std::string& node) const {
-    if (auto product = findAttributeAbove(node, "product")) return *product;
+    const std::string usb = usbDeviceAbove(node);
+    std::string text;
+    int err = 0;
+    if (!usb.empty()) return readSmallFile(usb + "/product", text, err, 1024) ? trimLine(text) : "";
     const auto ev = readUevent(node);
     return ev ? ev->name : std::string();
 }
 
 std::uint16_t SysfsHidraw::version(const std::string& node) const {
+    const std::string usb = usbDeviceAbove(node);
+    std::string text;
+    int err = 0;
     std::uint32_t v = 0;
-    if (auto text = findAttributeAbove(node, "bcdDevice");
-        text && parseHex(*text, v) && v <= 0xFFFF) {
+    if (!usb.empty() && readSmallFile(usb + "/bcdDevice", text, err, 64) &&
+        parseHex(trimLine(text), v) && v <= 0xFFFF) {
         return static_cast<std::uint16_t>(v);
     }
     return 0;
+}
+
+std::string SysfsHidraw::location(const std::string& node) const {
+    const auto ev = readUevent(node);
+    if (!ev || ev->phys.empty()) return {};
+    std::string where = ev->phys;
+    if (ev->bus == kBusBluetooth) {
+        if (ev->uniq.empty()) return {};
+        where = "bt-" + ev->phys + "-" + ev->uniq;
+    }
+    // '#' marks the collection in a path.
+    std::replace(where.begin(), where.end(), '#', '_');
+    return toLower(where);
 }
 
 std::string resolveCaseInsensitive(const std::string& path) {

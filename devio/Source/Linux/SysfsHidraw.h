@@ -39,10 +39,17 @@ public:
                         int& sys_error) const;
 
     // The product string as USB gives it (the `product` attribute of the USB
-    // device above the interface), or HID_NAME when no USB device lies above.
+    // device above the interface; empty when that device has none), or
+    // HID_NAME when no USB device lies above.
     std::string productName(const std::string& node) const;
     // The release number (bcdDevice) of the USB device above, 0 if none.
     std::uint16_t version(const std::string& node) const;
+    // Where the device behind a node sits, which stays while it stays in the
+    // same port, across replugs and reboots: HID_PHYS (for USB the
+    // controller, the port path and the interface), and for Bluetooth, whose
+    // HID_PHYS names only the adapter, the device's address from HID_UNIQ.
+    // Lower case, without '#'; empty when the kernel tells none.
+    std::string location(const std::string& node) const;
 
     // The sysfs directory of the HID device behind a node, resolved through
     // symbolic links; empty if the node does not exist.
@@ -51,8 +58,9 @@ public:
 
 private:
     std::string nodeDir(const std::string& node) const { return root_ + "/class/hidraw/" + node; }
-    std::optional<std::string> findAttributeAbove(const std::string& node,
-                                                  const char* attribute) const;
+    // The sysfs directory of the USB device above a node's HID device, or
+    // empty when none lies above.
+    std::string usbDeviceAbove(const std::string& node) const;
 
     std::string root_;
 };

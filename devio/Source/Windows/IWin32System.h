@@ -31,7 +31,9 @@ struct HidInterface {
 };
 
 enum class ReadOutcome { Report, Stopped, Failed, Disconnected };
-enum class WriteOutcome { Done, TimedOut, Failed };
+// GeneralFailure: the device refused the report in a way that a retry may
+// overcome; the command engine retries it.
+enum class WriteOutcome { Done, TimedOut, Failed, GeneralFailure };
 
 // Everything the bus and device logic asks of the machine. One implementation
 // per platform, made by makePlatformSystem(); tests point it at a prepared

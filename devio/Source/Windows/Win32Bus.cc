@@ -3,28 +3,58 @@
 #include "Base/ClassLog.h"
 #include "Base/DevioException.h"
 #include "Base/ErrorRecord.h"
+#include "Base/InstanceCount.h"
 #include "Windows/Win32Device.h"
 
 namespace devio {
 
-std::shared_ptr<Win32Bus> Win32Bus::create() {
-    return std::shared_ptr<Win32Bus>(new Win32Bus());
+std::shared_ptr<Win32Bus> Win32Bus::create(std::weak_ptr<IDeviceManager> manager) {
+    // No Bluetooth monitor or secondary bus exists on this platform yet; the
+    // lists stay empty and the window thread hands its messages on to none.
+    return std::shared_ptr<Win32Bus>(new Win32Bus(std::move(manager)));
 }
 
+Win32Bus::Win32Bus(std::weak_ptr<IDeviceManager> manager) : manager_(std::move(manager)) {
+    DEVIO_LOG("Win32Bus", 3, "Win32Bus", "Win32Bus::Win32Bus Number of instances now: %d",
+              InstanceCount<Win32Bus>::added());
+}
+
+// The window thread releases every notification and tracked handle as it
+// ends; joining it is what makes the bus let go of the machine.
 Win32Bus::~Win32Bus() {
     DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus enter");
-    // Handles still tracked belong to devices that outlived their use; the
-    // bus owns them and lets them go with itself.
-    std::lock_guard<std::mutex> lock(tracked_mutex_);
-    for (const auto& [notification, handle] : tracked_) {
-        if (handle != kInvalidHandle && system_) system_->close_handle(handle);
+    if (IDeviceChangeSystem* window = window_.load())
+        window->post_message(window_message::kClose, 0, 0);
+    DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus joining thread");
+    if (window_thread_.joinable()) {
+        // A handler on the window thread may drop the last reference; the
+        // thread then ends by itself after this handler returns.
+        if (window_thread_.get_id() == std::this_thread::get_id()) {
+            window_thread_.detach();
+        } else {
+            window_thread_.join();
+        }
     }
-    tracked_.clear();
     DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus exit");
+    DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus Number of instances now: %d",
+              InstanceCount<Win32Bus>::removed());
 }
 
 std::shared_ptr<IWin32System> Win32Bus::makeWin32System() {
     return makePlatformSystem();
+}
+
+std::shared_ptr<IDeviceChangeSystem> Win32Bus::makeDeviceChangeSystem(
+    const std::shared_ptr<IWin32System>& system) {
+    return makePlatformDeviceChange(system);
+}
+
+std::vector<std::shared_ptr<IBluetoothBus>> Win32Bus::bluetooth_busses() {
+    return bluetooth_monitors_;
+}
+
+std::vector<std::shared_ptr<IHardwareSecondaryBus>> Win32Bus::secondary_busses() {
+    return secondary_busses_;
 }
 
 void Win32Bus::lazyStart(std::shared_ptr<IWin32System>* system_out) {
@@ -35,6 +65,23 @@ void Win32Bus::lazyStart(std::shared_ptr<IWin32System>* system_out) {
         DEVIO_LOG("Win32Bus", 3, "lazyStart", "Win32Bus::lazyStart performing startup");
         system_ = makeWin32System();
         hid_class_ = system_->hid_interface_class();
+        change_ = makeDeviceChangeSystem(system_);
+        {
+            std::lock_guard<std::mutex> started(started_mutex_);
+            window_thread_started_ = false;
+            window_thread_failed_ = false;
+        }
+        window_thread_ = std::thread([this] { window_thread_static(); });
+        DEVIO_LOG("Win32Bus", 3, "lazyStart", "Win32Bus::lazyStart waiting");
+        std::unique_lock<std::mutex> wait(started_mutex_);
+        started_cv_.wait(wait, [this] { return window_thread_started_ || window_thread_failed_; });
+        // A thread that could not make its window has ended; the bus cannot
+        // start, and a later call tries again.
+        if (window_thread_failed_) {
+            wait.unlock();
+            window_thread_.join();
+            throw DevioException(WindowCreateFailed, "could not create window");
+        }
         started_ = true;
     }
     if (system_out) *system_out = system_;

@@ -163,6 +163,7 @@ bool Win32Device::write(std::vector<Byte> report, bool blocking) {
 
     std::uint32_t sys = 0;
     ErrorCode err = Success;
+    bool general_failure = false;
     switch (system_->write_report(handle_, report, write_timeout_, sys)) {
         case WriteOutcome::Done:
             break;
@@ -175,13 +176,19 @@ bool Win32Device::write(std::vector<Byte> report, bool blocking) {
         case WriteOutcome::Failed:
             err = WriteError;
             break;
+        case WriteOutcome::GeneralFailure:
+            err = WriteError;
+            general_failure = true;
+            break;
     }
     if (err == WriteError)
         DEVIO_LOG("Win32Device", 1, "write", "Win32Device::write WriteError, errcode_sys=%d",
                   static_cast<int>(sys));
     if (err == WriteTimeout)
         DEVIO_LOG("Win32Device", 1, "write", "Win32Device::write WriteTimeout");
-    if (err == WriteError && sys == 31) err = WriteGeneralFailure;
+    // The platform says which of its errors mean a transfer that a retry may
+    // get through; the command engine retries on this code.
+    if (general_failure) err = WriteGeneralFailure;
     if (err != Success) {
         set_error(err, nullptr, sys);
     } else {
