@@ -43,7 +43,7 @@ std::shared_ptr<Device> DeviceManager::as_device(const std::shared_ptr<IDevice>&
 }
 
 std::shared_ptr<IHardwareBus> DeviceManager::makePlatformBus() {
-    return Win32Bus::create();
+    return Win32Bus::create(weak_from_this());
 }
 
 bool DeviceManager::on_subscribe(IDeviceManager::ArrivalRemoval* /*subscriber*/) {
