@@ -32,26 +32,14 @@ double us_since(Clock::time_point start) {
     return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
-std::string desk(int devices) {
-    std::string json = R"({"devices": [)";
-    for (int i = 0; i < devices; ++i) {
-        char entry[96];
-        std::snprintf(entry, sizeof entry, R"(%s{"id": "d%d", "pid": "0x%04X"})", i ? ", " : "", i,
-                      0xC000 + i);
-        json += entry;
-    }
-    return json + "]}";
-}
-
 struct Figures {
     double first_us;
     double repeat_us;
 };
 
 bool measure(int devices, Figures& out) {
-    simtest::SimMachine sim(desk(devices));
-    ::setenv("DEVIO_SYSFS_ROOT", sim.machine().sysfsRoot().c_str(), 1);
-    ::setenv("DEVIO_DEV_ROOT", sim.machine().devRoot().c_str(), 1);
+    simtest::SimMachine sim(simtest::mice(devices, true));
+    simtest::use_machine(sim);
     std::vector<double> first, repeat;
     for (int round = 0; round < kRounds; ++round) {
         auto manager = std::make_shared<devio::DeviceManager>();
@@ -75,7 +63,7 @@ bool measure(int devices, Figures& out) {
 // Opening and closing one node, and one command answered, through the
 // platform binding alone.
 bool baseline(double& open_us, double& exchange_us) {
-    simtest::SimMachine sim(desk(1));
+    simtest::SimMachine sim(simtest::mice(1, true));
     auto hw = sim.bus()->devices();
     if (hw.size() != 1) return false;
     std::vector<double> opens, exchanges;

@@ -41,11 +41,6 @@ using devio::test::eventually;
 
 constexpr unsigned kCordedActive = 5;
 
-void use_machine(SimMachine& sim) {
-    ::setenv("DEVIO_SYSFS_ROOT", sim.machine().sysfsRoot().c_str(), 1);
-    ::setenv("DEVIO_DEV_ROOT", sim.machine().devRoot().c_str(), 1);
-}
-
 std::size_t entries(const char* dir) {
     std::size_t n = 0;
     if (DIR* d = ::opendir(dir)) {
@@ -80,18 +75,6 @@ private:
     std::vector<Event> events_;
 };
 
-// Machines whose devices start unplugged, each in a port of its own.
-std::string unpluggedMice(int count) {
-    std::string json = R"({"devices": [)";
-    for (int i = 0; i < count; ++i) {
-        char one[160];
-        std::snprintf(one, sizeof one, R"(%s{"id": "m%d", "pid": "0xC0%02X", "plugged": false})",
-                      i ? ", " : "", i, 0x80 + i);
-        json += one;
-    }
-    return json + "]}";
-}
-
 // The library as a pumping host runs it, started on an empty machine.
 struct Library {
     explicit Library(SimMachine& sim) {
@@ -112,7 +95,7 @@ struct Library {
 // plugged again (into the same port, on another node) arrives as a new
 // object with the same path.
 TEST(PlatformBus, PlugUnplugAndReplugReachAPumpingHost) {
-    SimMachine sim(unpluggedMice(2));
+    SimMachine sim(mice(2, false));
     Library lib(sim);
     auto& w = lib.watcher;
     ASSERT_TRUE(cdevio.devices().empty());

@@ -79,21 +79,9 @@ private:
     std::size_t total_ = 0;
 };
 
-std::string mice(int count) {
-    std::string json = R"({"devices": [)";
-    for (int i = 0; i < count; ++i) {
-        char one[160];
-        std::snprintf(one, sizeof one, R"(%s{"id": "m%d", "pid": "0xC0%02X", "plugged": false})",
-                      i ? ", " : "", i, 0x80 + i);
-        json += one;
-    }
-    return json + "]}";
-}
-
 struct Session {
     explicit Session(SimMachine& sim) {
-        ::setenv("DEVIO_SYSFS_ROOT", sim.machine().sysfsRoot().c_str(), 1);
-        ::setenv("DEVIO_DEV_ROOT", sim.machine().devRoot().c_str(), 1);
+        use_machine(sim);
         EXPECT_TRUE(host.start());
         EXPECT_TRUE(cdevio.config_set(kCordedActive, true));
         EXPECT_TRUE(ledger.subscribe(cdevio.manager(), devio::DeliveryDirect));
@@ -118,7 +106,7 @@ struct Session {
 // 500 plugs and unplugs in bursts over ten devices: each burst toggles some
 // of them at once, without waiting between them.
 TEST(Stress, FiveHundredChangesInBurstsReachTheManagerInOrderOnce) {
-    SimMachine sim(mice(10));
+    SimMachine sim(mice(10, false));
     Session run(sim);
     ASSERT_TRUE(cdevio.devices().empty());
     std::mt19937 random(17);
@@ -154,7 +142,7 @@ TEST(Stress, FiveHundredChangesInBurstsReachTheManagerInOrderOnce) {
 // sends them commands: the list ends as what is plugged, and nothing that
 // came and went leaves a descriptor or a thread.
 TEST(Stress, ReplugCyclesUnderCommandsLeaveNothingBehind) {
-    SimMachine sim(mice(4));
+    SimMachine sim(mice(4, false));
     Session run(sim);
     ASSERT_TRUE(cdevio.devices().empty());
     ASSERT_TRUE(run.host.wait_idle(std::chrono::milliseconds(5000)));

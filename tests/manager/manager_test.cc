@@ -41,12 +41,6 @@ const char* const kDesk = R"({
         {"usage_page": "0xFF00", "usage": 2, "report_id": 17, "size": 20}]}],
   "receivers": [{"id": "dongle", "pid": "0xA105", "devices": []}]})";
 
-// Points the library's platform bus at the machine, as the demo does.
-void use_machine(SimMachine& sim) {
-    ::setenv("DEVIO_SYSFS_ROOT", sim.machine().sysfsRoot().c_str(), 1);
-    ::setenv("DEVIO_DEV_ROOT", sim.machine().devRoot().c_str(), 1);
-}
-
 // Arrivals and removals by product id, as the manager tells them.
 class Watcher : public devio::Subscriber<IDeviceManager::ArrivalRemoval>,
                 public devio::Subscriber<IDeviceManager::ActiveChanged> {

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 
@@ -114,6 +115,22 @@ Bytes hex(const std::string& text, std::size_t size) {
     }
     if (size > r.size()) r.resize(size, 0);
     return r;
+}
+
+void use_machine(SimMachine& sim) {
+    ::setenv("DEVIO_SYSFS_ROOT", sim.machine().sysfsRoot().c_str(), 1);
+    ::setenv("DEVIO_DEV_ROOT", sim.machine().devRoot().c_str(), 1);
+}
+
+std::string mice(int count, bool plugged) {
+    std::string json = R"({"devices": [)";
+    for (int i = 0; i < count; ++i) {
+        char one[160];
+        std::snprintf(one, sizeof one, R"(%s{"id": "m%d", "pid": "0xC0%02X", "plugged": %s})",
+                      i ? ", " : "", i, 0x80 + i, plugged ? "true" : "false");
+        json += one;
+    }
+    return json + "]}";
 }
 
 }  // namespace simtest

@@ -90,4 +90,11 @@ private:
 // padded with zeros to `size` when that is given.
 Bytes hex(const std::string& text, std::size_t size = 0);
 
+// Points the library's platform bus at the machine, as the demo does.
+void use_machine(SimMachine& sim);
+
+// A machine of `count` corded mice, product ids 0xC080 upwards, each on a
+// node (and in a port) of its own, plugged in or not.
+std::string mice(int count, bool plugged);
+
 }  // namespace simtest
