@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -28,6 +29,7 @@ public:
         add(ours ? "connect 1" : "connect 0");
     }
     void onDisconnect(const std::shared_ptr<devio::IDevice>&) override { add("disconnect"); }
+    void onFirmwareChanged(const std::shared_ptr<devio::IDevice>&) override { add("firmware"); }
     void onConfigChange() override { add("config"); }
     std::vector<std::string> take() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -117,6 +119,24 @@ TEST(Connection, CookieDecidesWhetherAReconnectedDeviceIsStillOurs) {
     ASSERT_TRUE(s.host.wait_idle(std::chrono::milliseconds(5000)));
     EXPECT_EQ(s.story.take(), (Told{"disconnect", "connect 0"}));
     EXPECT_TRUE(s.rig.dev->configured());
+
+    // New firmware: the device loses its cookie and asks for configuration;
+    // the library finds the firmware changed, forgets what it knew, and
+    // discovers the device afresh.
+    s.rig.sim("reflash mouse 0 0x1300");
+    ASSERT_TRUE(eventually([&] { return s.story.size() >= 2; }));
+    ASSERT_TRUE(s.host.wait_idle(std::chrono::milliseconds(5000)));
+    auto told = s.story.take();
+    std::sort(told.begin(), told.end());
+    EXPECT_EQ(told, (Told{"config", "firmware"}));
+    EXPECT_FALSE(s.rig.dev->configured());
+    auto again = std::dynamic_pointer_cast<devio::IFeature0020ConfigChange>(
+        s.rig.dev->feature_by_id(0x0020));
+    ASSERT_TRUE(again) << devio::error_record().err;
+    EXPECT_NE(again, s.cookie_feature) << "a feature object of the old firmware was kept";
+    std::uint16_t value = 1;
+    EXPECT_TRUE(again->GetCookie(&value));
+    EXPECT_EQ(value, 0);
 }
 
 TEST(Connection, InactiveSessionHandsTheDeviceBackAfterFiveSecondsUnlessActiveAgain) {
