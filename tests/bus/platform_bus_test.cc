@@ -41,15 +41,6 @@ using devio::test::eventually;
 
 constexpr unsigned kCordedActive = 5;
 
-std::size_t entries(const char* dir) {
-    std::size_t n = 0;
-    if (DIR* d = ::opendir(dir)) {
-        while (const dirent* e = ::readdir(d)) n += e->d_name[0] != '.';
-        ::closedir(d);
-    }
-    return n;
-}
-
 // Arrivals and removals in the order the manager tells them.
 class Watcher : public devio::Subscriber<IDeviceManager::ArrivalRemoval> {
 public:
@@ -266,8 +257,8 @@ public:
 // registration and tracked handle, also of devices still reading.
 TEST(PlatformBus, EndOfTheBusLeavesNoThreadOrDescriptor) {
     SimMachine sim(R"({"devices": [{"id": "a", "pid": "0xC08B"}, {"id": "b", "pid": "0xC08C"}]})");
-    const std::size_t fds = entries("/proc/self/fd");
-    const std::size_t tasks = entries("/proc/self/task");
+    const std::size_t fds = devio::test::directory_entries("/proc/self/fd");
+    const std::size_t tasks = devio::test::directory_entries("/proc/self/task");
     {
         auto bus = std::make_shared<SimBus>(sim.machine().sysfsRoot(), sim.machine().devRoot());
         auto found = bus->devices();
@@ -277,14 +268,16 @@ TEST(PlatformBus, EndOfTheBusLeavesNoThreadOrDescriptor) {
             ASSERT_TRUE(d->open());
             ASSERT_TRUE(reads.subscribe(d, devio::DeliveryDirect));
         }
-        EXPECT_GE(entries("/proc/self/task"), tasks + 3) << "the bus's and two readers";
+        EXPECT_GE(devio::test::directory_entries("/proc/self/task"), tasks + 3)
+            << "the bus's and two readers";
         bus.reset();
         // Their handles went with the bus: each reader's read failed once.
         EXPECT_TRUE(eventually([&] { return reads.failures == 2; }));
         for (const auto& d : found) reads.unsubscribe(d);
     }
-    EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") == tasks; }));
-    EXPECT_EQ(entries("/proc/self/fd"), fds);
+    EXPECT_TRUE(
+        eventually([&] { return devio::test::directory_entries("/proc/self/task") == tasks; }));
+    EXPECT_EQ(devio::test::directory_entries("/proc/self/fd"), fds);
 }
 
 // A private system bus with a mock of logind: PrepareForSleep(false) reaches

@@ -33,15 +33,6 @@ using devio::test::eventually;
 
 constexpr unsigned kCordedActive = 5;
 
-std::size_t entries(const char* dir) {
-    std::size_t n = 0;
-    if (DIR* d = ::opendir(dir)) {
-        while (const dirent* e = ::readdir(d)) n += e->d_name[0] != '.';
-        ::closedir(d);
-    }
-    return n;
-}
-
 // Each device's arrivals (+1) and removals (-1) in the order told, by pid.
 class Ledger : public devio::Subscriber<IDeviceManager::ArrivalRemoval> {
 public:
@@ -146,8 +137,8 @@ TEST(Stress, ReplugCyclesUnderCommandsLeaveNothingBehind) {
     Session run(sim);
     ASSERT_TRUE(cdevio.devices().empty());
     ASSERT_TRUE(run.host.wait_idle(std::chrono::milliseconds(5000)));
-    const std::size_t fds = entries("/proc/self/fd");
-    const std::size_t tasks = entries("/proc/self/task");
+    const std::size_t fds = devio::test::directory_entries("/proc/self/fd");
+    const std::size_t tasks = devio::test::directory_entries("/proc/self/task");
 
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0};
@@ -192,10 +183,12 @@ TEST(Stress, ReplugCyclesUnderCommandsLeaveNothingBehind) {
     ASSERT_TRUE(run.host.wait_idle(std::chrono::milliseconds(5000)));
     run.expectAlternating(plugged);
     EXPECT_GT(answered.load(), 0) << "no command got through";
-    EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") == tasks; }))
-        << entries("/proc/self/task") << " threads, " << tasks << " before";
-    EXPECT_TRUE(eventually([&] { return entries("/proc/self/fd") == fds; }))
-        << entries("/proc/self/fd") << " descriptors, " << fds << " before";
+    EXPECT_TRUE(eventually([&] {
+        return devio::test::directory_entries("/proc/self/task") == tasks;
+    })) << devio::test::directory_entries("/proc/self/task")
+        << " threads, " << tasks << " before";
+    EXPECT_TRUE(eventually([&] { return devio::test::directory_entries("/proc/self/fd") == fds; }))
+        << devio::test::directory_entries("/proc/self/fd") << " descriptors, " << fds << " before";
 }
 
 }  // namespace
