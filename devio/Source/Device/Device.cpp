@@ -7,6 +7,7 @@
 
 #include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
+#include "Base/InstanceCount.h"
 #include "Base/Timer.h"
 #include "Manager/ReceiverTable.h"
 
@@ -24,7 +25,10 @@ constexpr int kBusTypeReceiver = 1;
 }  // namespace
 
 Device::Device(std::shared_ptr<IHardwareDevice> hw, const ExchangeTiming& timing)
-    : hwdev(std::move(hw)), hw_path(hwdev->path()), exchange_timing(timing) {}
+    : hwdev(std::move(hw)), hw_path(hwdev->path()), exchange_timing(timing) {
+    DEVIO_LOG("Device", 3, "Device", "Device::Device(pid = 0x%x). Number of instances now: %d",
+              static_cast<unsigned>(hwdev->pid()), InstanceCount<Device>::added());
+}
 
 Device::~Device() {
     // The timers' threads and their queued events must not outlive us.
@@ -52,6 +56,8 @@ Device::~Device() {
     }
     if (auto status = std::dynamic_pointer_cast<IFeature1D4BWirelessStatus>(wireless))
         Subscriber<IFeature1D4BWirelessStatus::Report>::unsubscribe(status);
+    DEVIO_LOG("Device", 3, "~Device", "Device::~Device. Number of instances now: %d",
+              InstanceCount<Device>::removed());
 }
 
 bool Device::initDevice(const std::shared_ptr<IDeviceManager>& manager) {

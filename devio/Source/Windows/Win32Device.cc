@@ -2,6 +2,7 @@
 
 #include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
+#include "Base/InstanceCount.h"
 #include "Windows/Win32Bus.h"
 
 namespace devio {
@@ -15,13 +16,18 @@ constexpr std::uint16_t kMaskPage = 0xFF43;
 Win32Device::Win32Device(const std::shared_ptr<Win32Bus>& bus, std::shared_ptr<IWin32System> system,
                          std::string path, std::uint32_t devnode)
     : bus_(bus), system_(std::move(system)), path_(std::move(path)), devnode_(devnode) {
-    DEVIO_LOG("Win32Device", 3, "Win32Device", "Win32Device constructor");
+    DEVIO_LOG("Win32Device", 3, "Win32Device",
+              "Win32Device constructor. Number of instances now: %d",
+              InstanceCount<Win32Device>::added());
 }
 
 // A read thread that wakes now stops at its next test of `destructed_`.
 Win32Device::~Win32Device() {
     destructed_ = true;
     close();
+    DEVIO_LOG("Win32Device", 3, "~Win32Device",
+              "Win32Device::~Win32Device. Number of instances now: %d",
+              InstanceCount<Win32Device>::removed());
 }
 
 std::shared_ptr<IHardwareBus> Win32Device::bus() {
