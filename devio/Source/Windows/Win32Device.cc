@@ -60,6 +60,7 @@ bool Win32Device::on_read_thread() const {
 }
 
 void Win32Device::close() {
+    std::unique_lock<std::recursive_mutex> lifecycle(lifecycle_mutex_);
     DEVIO_LOG("Win32Device", 3, "close", "Win32Device::close enter, dev=%s", path_.c_str());
     if (read_thread_) {
         if (stop_event_ != kInvalidHandle) system_->set_event(stop_event_);
@@ -73,10 +74,16 @@ void Win32Device::close() {
             ++*generation_;
             thread_wanted_ = false;
             read_thread_->detach();
+            read_thread_.reset();
         } else {
-            read_thread_->join();
+            // Only this call joins the thread; others that come meanwhile
+            // find none. The thread's handlers may call open or close, so
+            // the join waits without the lock.
+            auto joining = std::move(read_thread_);
+            lifecycle.unlock();
+            joining->join();
+            lifecycle.lock();
         }
-        read_thread_.reset();
     }
     if (notification_ != 0) {
         if (auto bus = bus_.lock())

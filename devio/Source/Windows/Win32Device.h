@@ -25,9 +25,12 @@ class Win32Bus;
 //
 // Threads: callers of open, close and write (any host thread, the run-loop
 // pump, the bus thread) and the device's own read thread, which produces
-// Read, may call close, and may write without blocking. `mutex_` and
-// `started_cv_` serve only the handshake at thread start; the atomic flags
-// are read without a lock. Nothing serialises two concurrent writes.
+// Read, may call close, and may write without blocking. `lifecycle_mutex_`
+// serialises open and close (a command thread may open while the pump
+// closes an unplugged device); close leaves it while joining the read
+// thread, whose handlers may come back here. `mutex_` and `started_cv_`
+// serve only the handshake at thread start; the atomic flags are read
+// without a lock. Nothing serialises two concurrent writes.
 class Win32Device : public IHardwareDevice,
                     public Producer<IHardwareDevice::Write>,
                     public Producer<IHardwareDevice::Read>,
@@ -92,6 +95,8 @@ private:
     bool thread_started_ = false;                    // guarded by mutex_
     std::mutex mutex_;
     std::condition_variable started_cv_;
+    // Recursive: open closes before it opens again.
+    std::recursive_mutex lifecycle_mutex_;
     std::atomic<bool> thread_wanted_{false};
     std::atomic<bool> thread_ended_{false};
     std::atomic<bool> destructed_{false};

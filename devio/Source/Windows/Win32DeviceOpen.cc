@@ -60,6 +60,7 @@ bool Win32Device::fail_open(ErrorCode err, std::uint32_t sys, const char* text) 
 }
 
 bool Win32Device::open() {
+    std::lock_guard<std::recursive_mutex> lifecycle(lifecycle_mutex_);
     if (removed_) {
         set_error(DeviceRemoved);
         DEVIO_LOG("Win32Device", 2, "open", "Win32Device::open exit (false, DeviceRemoved)");
