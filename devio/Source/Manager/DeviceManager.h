@@ -145,7 +145,6 @@ private:
     // The platform bus at the bottom of the stack.
     virtual std::shared_ptr<IHardwareBus> makePlatformBus();
     bool passes_suppression(const std::shared_ptr<IHardwareDevice>& hw);
-    void start_retry(const std::shared_ptr<IHardwareBus>& bus);
     std::shared_ptr<Device> as_device(const std::shared_ptr<IDevice>& device);
 
     static bool matches(void* subscriber, const void* set, void* record_subscriber,

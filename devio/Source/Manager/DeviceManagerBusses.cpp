@@ -251,24 +251,11 @@ void DeviceManager::onPlug(const std::shared_ptr<IHardwareDevice>& hw) {
         Producer<IDeviceManager::ArrivalRemoval>::produce(
             [device](IDeviceManager::ArrivalRemoval* s) { s->onDeviceArrival(device); },
             event_names::DeviceManagerArrivalRemoval.onDeviceArrival);
-        // FIXME: a receiver's bus is added here (with the retry timer when
-        // its enumeration fails) once receivers have one.
+        // FIXME: a receiver's bus is added here once receivers have one; when
+        // its enumeration fails it joins addbus_retry_set, and a count of 0
+        // becomes 1 with the retry timer armed for kFirstRetryDelayMs.
     }
     DM_LOG(2, "onPlug", "DeviceManager::onPlug(pid=0x%x) ...end", pid);
-}
-
-void DeviceManager::start_retry(const std::shared_ptr<IHardwareBus>& bus) {
-    bool arm = false;
-    {
-        std::lock_guard<std::mutex> lock(list_mutex);
-        addbus_retry_set.insert(bus);
-        if (addbus_retry_count == 0) {
-            addbus_retry_count = 1;
-            arm = true;
-        }
-    }
-    // A cycle already running picks the bus up at its next round.
-    if (arm && addbus_retry_timer) addbus_retry_timer->start(kFirstRetryDelayMs);
 }
 
 void DeviceManager::onUnplug(const std::shared_ptr<IHardwareDevice>& hw) {
