@@ -1,8 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace devio {
+
+class IBluetoothDevice;
 
 // Watches the Bluetooth radios of the machine and the devices paired to them.
 class IBluetoothBus {
@@ -35,6 +38,10 @@ public:
     };
 
     virtual ~IBluetoothBus() = default;
+
+    // The paired device that a HID path belongs to, or null. Answers,
+    // negative ones included, are kept for the life of the bus.
+    virtual std::shared_ptr<IBluetoothDevice> device_paired_on_path(const std::string& path) = 0;
 
     // The platform bus hands on each of its device-change messages once it
     // has handled them; `header` is the platform's record, or null.
