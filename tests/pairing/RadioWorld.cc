@@ -58,9 +58,9 @@ void FakeBtDevice::connect() {
         radio = paired_to_;
     }
     connected_ = true;
-    Producer<BtFastConnect>::produce([radio](BtFastConnect* s) { s->onBtFastConnect(radio); },
-                                     devio::event_names::BluetoothMicrosoftDeviceBtFastConnect
-                                         .onBtFastConnect);
+    Producer<BtFastConnect>::produce(
+        [radio](BtFastConnect* s) { s->onBtFastConnect(radio); },
+        devio::event_names::BluetoothMicrosoftDeviceBtFastConnect.onBtFastConnect);
     Producer<BtConnect>::produce([radio](BtConnect* s) { s->onBtConnect(radio); },
                                  devio::event_names::BluetoothMicrosoftDeviceBtConnect.onBtConnect);
 }
@@ -119,8 +119,8 @@ bool FakeRadio::has_radio(const std::string& radio) {
 }
 
 void FakeRadio::pair(const std::string& key, int bustype, const std::string& radio) {
-    auto device = std::make_shared<FakeBtDevice>(weak_from_this(), address_text(key + ":01"),
-                                                 bustype, radio);
+    auto device =
+        std::make_shared<FakeBtDevice>(weak_from_this(), address_text(key + ":01"), bustype, radio);
     std::lock_guard<std::mutex> lock(mutex_);
     paired_[key] = device;
 }
@@ -144,9 +144,8 @@ bool FakeGattDevice::write(std::vector<devio::Byte> report, bool /*blocking*/) {
         std::lock_guard<std::mutex> lock(mutex_);
         ++writes_;
     }
-    Producer<Write>::produce(
-        [report](Write* s) { s->onWrite(report, devio::Success, 0); },
-        devio::event_names::GattDeviceWrite.onWrite);
+    Producer<Write>::produce([report](Write* s) { s->onWrite(report, devio::Success, 0); },
+                             devio::event_names::GattDeviceWrite.onWrite);
     return true;
 }
 
@@ -173,8 +172,7 @@ void FakeGattBus::plug(const std::shared_ptr<FakeGattDevice>& device) {
         present_.push_back(device);
     }
     std::shared_ptr<devio::IHardwareDevice> hw = device;
-    produce([hw](PlugUnplug* s) { s->onPlug(hw); },
-            devio::event_names::GattBusPlugUnplug.onPlug);
+    produce([hw](PlugUnplug* s) { s->onPlug(hw); }, devio::event_names::GattBusPlugUnplug.onPlug);
 }
 
 BluetoothSimBus::BluetoothSimBus(simtest::SimMachine& sim,

@@ -95,7 +95,7 @@ private:
     std::shared_ptr<FakeBtDevice> find(const std::string& key);
 
     std::mutex mutex_;
-    std::set<std::string> radios_;                                  // guarded by mutex_
+    std::set<std::string> radios_;                                 // guarded by mutex_
     std::map<std::string, std::shared_ptr<FakeBtDevice>> paired_;  // by key, guarded by mutex_
 };
 

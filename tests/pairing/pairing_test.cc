@@ -8,12 +8,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
 #include <rapidxml/rapidxml.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -99,95 +100,73 @@ std::string cache_line(const std::string& path, const std::string& pid, const st
            radio + "\" interface=\"" + interface + "\"/>";
 }
 
-// Arrivals and removals by product id.
-class Watcher : public devio::Subscriber<IDeviceManager::ArrivalRemoval> {
+// What a listener heard, in order; any thread may add.
+template <class Item>
+class Recorder {
 public:
-    void onDeviceArrival(const std::shared_ptr<IDevice>& d) override { add(&arrived_, d->pid()); }
-    void onDeviceRemoval(const std::shared_ptr<IDevice>& d) override { add(&removed_, d->pid()); }
-    std::multiset<int> arrived() { return get(arrived_); }
-    std::multiset<int> removed() { return get(removed_); }
+    void add(Item item) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        items_.push_back(std::move(item));
+    }
+    std::vector<Item> items() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return items_;
+    }
 
 private:
-    void add(std::multiset<int>* to, int v) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        to->insert(v);
-    }
-    std::multiset<int> get(const std::multiset<int>& from) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return from;
-    }
     std::mutex mutex_;
-    std::multiset<int> arrived_, removed_;
+    std::vector<Item> items_;
 };
 
-// A device's connection events, in order.
-class LinkLog : public devio::Subscriber<IDevice::Connect> {
+// The manager's arrivals and removals, as "arrival B35B".
+class Watcher : public devio::Subscriber<IDeviceManager::ArrivalRemoval>,
+                public Recorder<std::string> {
+public:
+    void onDeviceArrival(const std::shared_ptr<IDevice>& d) override { note("arrival", d); }
+    void onDeviceRemoval(const std::shared_ptr<IDevice>& d) override { note("removal", d); }
+
+private:
+    void note(const char* what, const std::shared_ptr<IDevice>& d) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%s %X", what, static_cast<unsigned>(d->pid()));
+        add(text);
+    }
+};
+
+// A device's connection events.
+class LinkLog : public devio::Subscriber<IDevice::Connect>, public Recorder<std::string> {
 public:
     void onConnect(const std::shared_ptr<IDevice>&, bool) override { add("connect"); }
     void onDisconnect(const std::shared_ptr<IDevice>&) override { add("disconnect"); }
-    std::vector<std::string> events() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
     std::string last() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_.empty() ? std::string() : events_.back();
+        const auto all = items();
+        return all.empty() ? std::string() : all.back();
     }
-
-private:
-    void add(std::string e) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(std::move(e));
-    }
-    std::mutex mutex_;
-    std::vector<std::string> events_;
 };
 
-// Everything a hardware device reads and every write it tells.
+// Everything a hardware device reads, and how many writes it told.
 class Traffic : public devio::Subscriber<IHardwareDevice::Read>,
-                public devio::Subscriber<IHardwareDevice::Write> {
+                public devio::Subscriber<IHardwareDevice::Write>,
+                public Recorder<std::vector<Byte>> {
 public:
     void onRead(std::vector<Byte> report, bool, unsigned, unsigned) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        reads_.push_back(std::move(report));
+        add(std::move(report));
     }
-    void onWrite(std::vector<Byte>, devio::ErrorCode, unsigned) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++writes_;
-    }
+    void onWrite(std::vector<Byte>, devio::ErrorCode, unsigned) override { ++writes; }
     bool read_one_starting(Byte a, Byte b) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& r : reads_) {
+        for (const auto& r : items()) {
             if (r.size() >= 2 && r[0] == a && r[1] == b) return true;
         }
         return false;
     }
-    int writes() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return writes_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::vector<Byte>> reads_;
-    int writes_ = 0;
+    std::atomic<int> writes{0};
 };
 
-// The plugs the pairing filter produces.
-class Plugs : public devio::Subscriber<IHardwareBus::PlugUnplug> {
+// The devices the pairing filter plugs.
+class Plugs : public devio::Subscriber<IHardwareBus::PlugUnplug>,
+              public Recorder<std::shared_ptr<IHardwareDevice>> {
 public:
-    void onPlug(const std::shared_ptr<IHardwareDevice>& d) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        plugged_.push_back(d);
-    }
-    std::vector<std::shared_ptr<IHardwareDevice>> plugged() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return plugged_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::shared_ptr<IHardwareDevice>> plugged_;
+    void onPlug(const std::shared_ptr<IHardwareDevice>& d) override { add(d); }
 };
 
 std::shared_ptr<IDevice> with_pid(const std::vector<std::shared_ptr<IDevice>>& list, int pid) {
@@ -229,6 +208,13 @@ struct Story {
         if (with_directory) m->persistent_data_directory(dir.path);
         return m;
     }
+    // The manager started with the watcher listening and the host pumping.
+    std::shared_ptr<StoryManager> started(Watcher& watcher) {
+        auto m = manager();
+        EXPECT_TRUE(watcher.subscribe(m, devio::DeliveryDirect));
+        EXPECT_TRUE(host.start());
+        return m;
+    }
     std::string cache() { return read_text(dir.path + "paired.xml"); }
     bool idle() { return host.wait_idle(std::chrono::milliseconds(5000)); }
 
@@ -241,10 +227,8 @@ struct Story {
 
 TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
     Story s;
-    auto manager = s.manager();
     Watcher watcher;
-    ASSERT_TRUE(watcher.subscribe(manager, devio::DeliveryDirect));
-    ASSERT_TRUE(s.host.start());
+    auto manager = s.started(watcher);
     const auto listed = manager->devices();
     ASSERT_EQ(listed.size(), 2u);
     const auto mouse = with_pid(listed, 0xB35B);
@@ -260,8 +244,9 @@ TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
     EXPECT_TRUE(ping(mouse)) << devio::error_record().err;
 
     // The Bluetooth mouse is remembered, the corded one never.
-    EXPECT_NE(s.cache().find(cache_line(mouse->path(), "B35B", "Sim BT Mouse", kRadio, "bluetooth")),
-              std::string::npos)
+    EXPECT_NE(
+        s.cache().find(cache_line(mouse->path(), "B35B", "Sim BT Mouse", kRadio, "bluetooth")),
+        std::string::npos)
         << s.cache();
     EXPECT_EQ(s.cache().find(corded->path()), std::string::npos) << s.cache();
 
@@ -275,7 +260,7 @@ TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
     devio::set_error(devio::Success);
     EXPECT_FALSE(hw->write(std::vector<Byte>(7, 0x10), false));
     EXPECT_EQ(devio::error_record().err, devio::NotConnected);
-    EXPECT_EQ(traffic.writes(), 0);
+    EXPECT_EQ(traffic.writes, 0);
     s.sim.command("unplug btmouse");
     EXPECT_TRUE(eventually([&] { return link.last() == "disconnect"; }));
     EXPECT_TRUE(eventually([&] { return !manager->devices().empty(); }));
@@ -291,18 +276,15 @@ TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
     EXPECT_TRUE(eventually([&] { return link.last() == "connect" && mouse->connected(); }));
     EXPECT_TRUE(ping(mouse)) << devio::error_record().err;
     EXPECT_EQ(with_pid(manager->devices(), 0xB35B), mouse);
-    // The start's arrivals came before the watcher joined: none since.
-    EXPECT_TRUE(watcher.arrived().empty());
-    EXPECT_TRUE(watcher.removed().empty());
+    // The start's arrivals came before the watcher joined: nothing since.
+    EXPECT_TRUE(watcher.items().empty());
     watcher.unsubscribe(manager);
 }
 
 TEST(Pairing, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
     Story s;
-    auto manager = s.manager();
     Watcher watcher;
-    ASSERT_TRUE(watcher.subscribe(manager, devio::DeliveryDirect));
-    ASSERT_TRUE(s.host.start());
+    auto manager = s.started(watcher);
     const auto mouse = with_pid(manager->devices(), 0xB35B);
     ASSERT_TRUE(mouse);
     const std::string line = cache_line(mouse->path(), "B35B", "Sim BT Mouse", kRadio, "bluetooth");
@@ -311,16 +293,40 @@ TEST(Pairing, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
     // Unpaired from a radio it isn't paired to: it stays, and stays cached.
     s.world.unpair(kMouseKey, kOtherRadio);
     ASSERT_TRUE(s.idle());
-    EXPECT_TRUE(watcher.removed().empty());
+    EXPECT_TRUE(watcher.items().empty());
     EXPECT_EQ(manager->devices().size(), 2u);
     EXPECT_NE(s.cache().find(line), std::string::npos) << s.cache();
 
     s.world.unpair(kMouseKey, kRadio);
-    EXPECT_TRUE(eventually([&] { return watcher.removed().count(0xB35B) == 1; }));
+    EXPECT_TRUE(eventually([&] { return !watcher.items().empty(); }));
+    EXPECT_EQ(watcher.items(), std::vector<std::string>{"removal B35B"});
     EXPECT_TRUE(eventually([&] { return s.cache().find(mouse->path()) == std::string::npos; }))
         << s.cache();
     EXPECT_NE(s.cache().find("<devices"), std::string::npos) << s.cache();
     EXPECT_EQ(manager->devices().size(), 1u);
+    watcher.unsubscribe(manager);
+}
+
+TEST(Pairing, RadioThatGoesHidesItsDevicesUntilItComesBack) {
+    Story s;
+    Watcher watcher;
+    auto manager = s.started(watcher);
+    const auto mouse = with_pid(manager->devices(), 0xB35B);
+    ASSERT_TRUE(mouse);
+    s.world.remove_radio(kRadio);
+    EXPECT_TRUE(eventually([&] { return !watcher.items().empty(); }));
+    EXPECT_EQ(watcher.items(), std::vector<std::string>{"removal B35B"});
+    EXPECT_EQ(manager->devices().size(), 1u);
+    // Still paired: the pairing stays remembered.
+    EXPECT_NE(s.cache().find(mouse->path()), std::string::npos) << s.cache();
+
+    s.world.add_radio(kRadio);
+    EXPECT_TRUE(eventually([&] { return watcher.items().size() == 2; }));
+    EXPECT_EQ(watcher.items().back(), "arrival B35B");
+    const auto back = with_pid(manager->devices(), 0xB35B);
+    ASSERT_TRUE(back);
+    EXPECT_TRUE(eventually([&] { return back->connected(); }));
+    EXPECT_TRUE(ping(back)) << devio::error_record().err;
     watcher.unsubscribe(manager);
 }
 
@@ -371,8 +377,7 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
     s.world.connect(kMouseKey);
     EXPECT_TRUE(eventually([&] { return link.last() == "connect" && mouse->connected(); }));
     EXPECT_TRUE(ping(mouse)) << devio::error_record().err;
-    EXPECT_EQ(watcher.arrived().count(0xB35B), 1u);
-    EXPECT_TRUE(watcher.removed().empty());
+    EXPECT_EQ(watcher.items(), std::vector<std::string>{"arrival B35B"});
     watcher.unsubscribe(second);
 }
 
@@ -433,8 +438,8 @@ void loose_monitor_story(bool use_blevx) {
     } else {
         sim.command("plug kb");
     }
-    ASSERT_TRUE(eventually([&] { return plugs.plugged().size() == 1; }));
-    const auto keyboard = std::dynamic_pointer_cast<PairingDevice>(plugs.plugged()[0]);
+    ASSERT_TRUE(eventually([&] { return plugs.items().size() == 1; }));
+    const auto keyboard = std::dynamic_pointer_cast<PairingDevice>(plugs.items()[0]);
     ASSERT_TRUE(keyboard);
     EXPECT_TRUE(keyboard->has_monitor());
     EXPECT_EQ(keyboard->bustype(), 3);
@@ -454,8 +459,9 @@ void loose_monitor_story(bool use_blevx) {
     gatt->read({0x11, 0x01, 0x04, 0x00});
     sim.command("battery kb 50");
     EXPECT_TRUE(eventually([&] { return traffic.read_one_starting(0x11, 0x01); }));
-    EXPECT_TRUE(eventually([&] { return traffic.read_one_starting(0x10, 0xFF) ||
-                                        traffic.read_one_starting(0x11, 0xFF); }));
+    EXPECT_TRUE(eventually([&] {
+        return traffic.read_one_starting(0x10, 0xFF) || traffic.read_one_starting(0x11, 0xFF);
+    }));
     ASSERT_TRUE(keyboard->write(std::vector<Byte>{0x10, 0xFF, 0x00, 0x1A, 0, 0, 0}, false))
         << devio::error_record().err;
     EXPECT_EQ(gatt->writes(), use_blevx ? 1u : 0u);
