@@ -370,12 +370,18 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
               std::string::npos)
         << s.cache();
 
-    // Switched on, the known device connects; nothing new arrives.
+    // Switched on, the known device connects; nothing new arrives. The
+    // radio tells first: without its data path the device is not connected
+    // yet, and it connects when the data path comes.
     LinkLog link;
     ASSERT_TRUE(link.subscribe(mouse, devio::DeliveryDirect));
-    s.sim.command("plug btmouse");
     s.world.connect(kMouseKey);
+    ASSERT_TRUE(s.idle());
+    EXPECT_FALSE(mouse->connected());
+    EXPECT_TRUE(link.items().empty());
+    s.sim.command("plug btmouse");
     EXPECT_TRUE(eventually([&] { return link.last() == "connect" && mouse->connected(); }));
+    EXPECT_EQ(link.items(), std::vector<std::string>{"connect"});
     EXPECT_TRUE(ping(mouse)) << devio::error_record().err;
     EXPECT_EQ(watcher.items(), std::vector<std::string>{"arrival B35B"});
     watcher.unsubscribe(second);
