@@ -225,15 +225,27 @@ struct Story {
     devio::RunLoopHost host;
 };
 
-TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
+// A story that starts with the manager running and the mouse listed.
+class PairedMouse : public ::testing::Test {
+protected:
+    void SetUp() override {
+        manager = s.started(watcher);
+        mouse = with_pid(manager->devices(), 0xB35B);
+        ASSERT_TRUE(mouse);
+    }
+    void TearDown() override { watcher.unsubscribe(manager); }
+
     Story s;
     Watcher watcher;
-    auto manager = s.started(watcher);
+    std::shared_ptr<StoryManager> manager;
+    std::shared_ptr<IDevice> mouse;
+};
+
+TEST_F(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     const auto listed = manager->devices();
     ASSERT_EQ(listed.size(), 2u);
-    const auto mouse = with_pid(listed, 0xB35B);
     const auto corded = with_pid(listed, 0xC08B);
-    ASSERT_TRUE(mouse && corded);
+    ASSERT_TRUE(corded);
     ASSERT_NE(mouse->path().find(kMouseKey), std::string::npos) << mouse->path();
     EXPECT_EQ(mouse->bustype(), 2);
     EXPECT_EQ(mouse->busport(), 0);
@@ -278,15 +290,9 @@ TEST(Pairing, PairedDeviceSwitchedOffAndOnStaysOneDevice) {
     EXPECT_EQ(with_pid(manager->devices(), 0xB35B), mouse);
     // The start's arrivals came before the watcher joined: nothing since.
     EXPECT_TRUE(watcher.items().empty());
-    watcher.unsubscribe(manager);
 }
 
-TEST(Pairing, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
-    Story s;
-    Watcher watcher;
-    auto manager = s.started(watcher);
-    const auto mouse = with_pid(manager->devices(), 0xB35B);
-    ASSERT_TRUE(mouse);
+TEST_F(PairedMouse, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
     const std::string line = cache_line(mouse->path(), "B35B", "Sim BT Mouse", kRadio, "bluetooth");
     ASSERT_NE(s.cache().find(line), std::string::npos) << s.cache();
 
@@ -304,15 +310,9 @@ TEST(Pairing, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
         << s.cache();
     EXPECT_NE(s.cache().find("<devices"), std::string::npos) << s.cache();
     EXPECT_EQ(manager->devices().size(), 1u);
-    watcher.unsubscribe(manager);
 }
 
-TEST(Pairing, RadioThatGoesHidesItsDevicesUntilItComesBack) {
-    Story s;
-    Watcher watcher;
-    auto manager = s.started(watcher);
-    const auto mouse = with_pid(manager->devices(), 0xB35B);
-    ASSERT_TRUE(mouse);
+TEST_F(PairedMouse, RadioThatGoesHidesItsDevicesUntilItComesBack) {
     s.world.remove_radio(kRadio);
     EXPECT_TRUE(eventually([&] { return !watcher.items().empty(); }));
     EXPECT_EQ(watcher.items(), std::vector<std::string>{"removal B35B"});
@@ -327,7 +327,6 @@ TEST(Pairing, RadioThatGoesHidesItsDevicesUntilItComesBack) {
     ASSERT_TRUE(back);
     EXPECT_TRUE(eventually([&] { return back->connected(); }));
     EXPECT_TRUE(ping(back)) << devio::error_record().err;
-    watcher.unsubscribe(manager);
 }
 
 TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutARecord) {

@@ -14,9 +14,6 @@
 namespace devio {
 
 namespace {
-constexpr int kBusTypeBle = 3;
-constexpr int kBusTypeGatt = 4;
-
 enum ConfigItem : unsigned {
     kBluetoothActive = 0,
     kBleActive = 1,
@@ -31,7 +28,7 @@ bool config_item(const std::shared_ptr<IDeviceManager>& manager, unsigned item) 
 }
 
 const char* interface_text(const std::shared_ptr<PairingDevice>& device) {
-    if (device->bustype() != kBusTypeBle) return "bluetooth";
+    if (device->bustype() != PairingDevice::kBusTypeBle) return "bluetooth";
     return device->gatt_data_path() ? "blevx" : "blevxp";
 }
 }  // namespace
@@ -171,8 +168,8 @@ bool PairingBus::detect_and_attach_monitor(const std::shared_ptr<IBluetoothDevic
                                            const std::shared_ptr<IHardwareDevice>& hwdev) {
     const int pid = hwdev->pid();
     PAIRING_LOG(2, "detect_and_attach_monitor", "detect_and_attach_monitor enter, pid=%04x", pid);
-    const bool is_ble = btdev && btdev->bustype() == kBusTypeBle;
-    const bool is_gatt = hwdev->bustype() == kBusTypeGatt;
+    const bool is_ble = btdev && btdev->bustype() == PairingDevice::kBusTypeBle;
+    const bool is_gatt = hwdev->bustype() == PairingDevice::kBusTypeGatt;
     // The data path is the GATT interface with use_blevx, else the HID one;
     // the other interface of the same device is the monitor.
     if (!is_ble || use_blevx == is_gatt) {
@@ -219,14 +216,14 @@ bool PairingBus::detect_and_attach_monitor(const std::shared_ptr<IBluetoothDevic
 
 void PairingBus::attach_loose_monitor(const std::shared_ptr<PairingDevice>& device) {
     const auto& btdev = device->btdev();
-    const bool is_ble = device->bustype() == kBusTypeBle;
+    const bool is_ble = device->bustype() == PairingDevice::kBusTypeBle;
     PAIRING_LOG(2, "attach_loose_monitor", "attach_loose_monitor enter, pid=%04x, path=%s",
                 device->pid(), is_ble ? device->path().c_str() : "not ble");
     if (!ble_monitor) {
         PAIRING_LOG(2, "attach_loose_monitor", "attach_loose_monitor exit, monitors disabled");
         return;
     }
-    if (!btdev || btdev->bustype() != kBusTypeBle) {
+    if (!btdev || btdev->bustype() != PairingDevice::kBusTypeBle) {
         PAIRING_LOG(2, "attach_loose_monitor", "attach_loose_monitor device not BLE");
         return;
     }
@@ -458,7 +455,7 @@ void PairingBus::persistent_data_directory(const std::string& dir) {
             PAIRING_LOG(3, "persistent_data_directory", "xml read     zinterface=%s",
                         e.interface.c_str());
             if (!e.complete) continue;
-            const int stored_bustype = e.interface == "blevx" ? kBusTypeGatt : 0;
+            const int stored_bustype = e.interface == "blevx" ? PairingDevice::kBusTypeGatt : 0;
             const auto known = devices_.find(e.path);
             if (known != devices_.end()) {
                 PAIRING_LOG(2, "persistent_data_directory",
@@ -469,7 +466,8 @@ void PairingBus::persistent_data_directory(const std::string& dir) {
             const auto btdev = find_btdev(e.path);
             if (!btdev) continue;
             // A change of the setting drops the cached BLE entries.
-            if (btdev->bustype() == kBusTypeBle && use_blevx != (stored_bustype == kBusTypeGatt))
+            if (btdev->bustype() == PairingDevice::kBusTypeBle &&
+                use_blevx != (stored_bustype == PairingDevice::kBusTypeGatt))
                 continue;
             auto device = std::make_shared<PairingDevice>(shared_from_this(), nullptr, e.path,
                                                           paired_cache::pid_value(e.pid), e.name,

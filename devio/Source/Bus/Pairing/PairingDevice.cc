@@ -10,11 +10,6 @@
 
 namespace devio {
 
-namespace {
-constexpr int kBusTypeBle = 3;
-constexpr int kBusTypeGatt = 4;
-}  // namespace
-
 PairingDevice::PairingDevice(const std::shared_ptr<PairingBus>& bus,
                              std::shared_ptr<IHardwareDevice> hwdev, std::string path, unsigned pid,
                              std::string name, std::shared_ptr<IBluetoothDevice> btdev,

@@ -44,6 +44,11 @@ class PairingDevice : public IHardwareDevice,
                       public Producer<IHardwareDevice::Connect>,
                       public std::enable_shared_from_this<PairingDevice> {
 public:
+    // Bus types of the radio's Low Energy devices and of the vendor GATT
+    // transport.
+    static constexpr int kBusTypeBle = 3;
+    static constexpr int kBusTypeGatt = 4;
+
     // `hwdev` is null for a device known only from the cache. `radio` is
     // PAIRING_UNKNOWN until known. `lower_bustype` is the bus type of the
     // data path (4 for the vendor GATT transport).
