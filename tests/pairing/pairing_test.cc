@@ -100,7 +100,8 @@ std::string cache_line(const std::string& path, const std::string& pid, const st
            radio + "\" interface=\"" + interface + "\"/>";
 }
 
-// What a listener heard, in order; any thread may add.
+// What a listener heard, in order; any thread may add. The first base of
+// a listener, so that it outlives the subscriptions, which end first.
 template <class Item>
 class Recorder {
 public:
@@ -119,8 +120,8 @@ private:
 };
 
 // The manager's arrivals and removals, as "arrival B35B".
-class Watcher : public devio::Subscriber<IDeviceManager::ArrivalRemoval>,
-                public Recorder<std::string> {
+class Watcher : public Recorder<std::string>,
+                public devio::Subscriber<IDeviceManager::ArrivalRemoval> {
 public:
     void onDeviceArrival(const std::shared_ptr<IDevice>& d) override { note("arrival", d); }
     void onDeviceRemoval(const std::shared_ptr<IDevice>& d) override { note("removal", d); }
@@ -133,22 +134,45 @@ private:
     }
 };
 
-// A device's connection events.
-class LinkLog : public devio::Subscriber<IDevice::Connect>, public Recorder<std::string> {
+// A device's connection events. It stops listening before any part of it
+// goes, since deliveries come on other threads.
+class LinkLog : public Recorder<std::string>, public devio::Subscriber<IDevice::Connect> {
 public:
+    explicit LinkLog(std::shared_ptr<IDevice> device) : device_(std::move(device)) {
+        listening = subscribe(device_, devio::DeliveryDirect);
+    }
+    ~LinkLog() override { unsubscribe(device_); }
     void onConnect(const std::shared_ptr<IDevice>&, bool) override { add("connect"); }
     void onDisconnect(const std::shared_ptr<IDevice>&) override { add("disconnect"); }
     std::string last() {
         const auto all = items();
         return all.empty() ? std::string() : all.back();
     }
+    bool listening = false;
+
+private:
+    const std::shared_ptr<IDevice> device_;
 };
 
-// Everything a hardware device reads, and how many writes it told.
-class Traffic : public devio::Subscriber<IHardwareDevice::Read>,
-                public devio::Subscriber<IHardwareDevice::Write>,
-                public Recorder<std::vector<Byte>> {
+struct WriteCount {
+    std::atomic<int> writes{0};
+};
+
+// Everything a hardware device reads, and how many writes it told; it
+// stops listening as LinkLog does.
+class Traffic : public Recorder<std::vector<Byte>>,
+                public WriteCount,
+                public devio::Subscriber<IHardwareDevice::Read>,
+                public devio::Subscriber<IHardwareDevice::Write> {
 public:
+    explicit Traffic(std::shared_ptr<IHardwareDevice> device) : device_(std::move(device)) {
+        listening = devio::Subscriber<IHardwareDevice::Read>::subscribe(device_, 1) &&
+                    devio::Subscriber<IHardwareDevice::Write>::subscribe(device_, 1);
+    }
+    ~Traffic() override {
+        devio::Subscriber<IHardwareDevice::Read>::unsubscribe(device_);
+        devio::Subscriber<IHardwareDevice::Write>::unsubscribe(device_);
+    }
     void onRead(std::vector<Byte> report, bool, unsigned, unsigned) override {
         add(std::move(report));
     }
@@ -159,12 +183,15 @@ public:
         }
         return false;
     }
-    std::atomic<int> writes{0};
+    bool listening = false;
+
+private:
+    const std::shared_ptr<IHardwareDevice> device_;
 };
 
 // The devices the pairing filter plugs.
-class Plugs : public devio::Subscriber<IHardwareBus::PlugUnplug>,
-              public Recorder<std::shared_ptr<IHardwareDevice>> {
+class Plugs : public Recorder<std::shared_ptr<IHardwareDevice>>,
+              public devio::Subscriber<IHardwareBus::PlugUnplug> {
 public:
     void onPlug(const std::shared_ptr<IHardwareDevice>& d) override { add(d); }
 };
@@ -199,14 +226,22 @@ struct Story {
         world.pair(kMouseKey, 2, kRadio);
         world.connect(kMouseKey);
     }
-    ~Story() { host.stop(); }
+    ~Story() { end_managers(); }
 
+    // A new manager; the story keeps it, so that it goes only when nothing
+    // is delivered to it any more.
     std::shared_ptr<StoryManager> manager(bool with_directory = true) {
         auto m = std::make_shared<StoryManager>(std::make_shared<BluetoothSimBus>(sim, radio));
         EXPECT_TRUE(m->config_set(kBluetoothActive, true));
         EXPECT_TRUE(m->config_set(kCordedActive, true));
         if (with_directory) m->persistent_data_directory(dir.path);
+        managers.push_back(m);
         return m;
+    }
+    // Stops the host, then lets the managers go, as a process that ends.
+    void end_managers() {
+        host.stop();
+        managers.clear();
     }
     // The manager started with the watcher listening and the host pumping.
     std::shared_ptr<StoryManager> started(Watcher& watcher) {
@@ -223,6 +258,7 @@ struct Story {
     RadioWorld& world = *radio;
     TempDir dir;
     devio::RunLoopHost host;
+    std::vector<std::shared_ptr<StoryManager>> managers;
 };
 
 // A story that starts with the manager running and the mouse listed.
@@ -233,7 +269,10 @@ protected:
         mouse = with_pid(manager->devices(), 0xB35B);
         ASSERT_TRUE(mouse);
     }
-    void TearDown() override { watcher.unsubscribe(manager); }
+    void TearDown() override {
+        watcher.unsubscribe(manager);
+        s.end_managers();
+    }
 
     Story s;
     Watcher watcher;
@@ -250,8 +289,8 @@ TEST_F(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     EXPECT_EQ(mouse->bustype(), 2);
     EXPECT_EQ(mouse->busport(), 0);
     EXPECT_TRUE(std::dynamic_pointer_cast<PairingBus>(mouse->bus())) << "no pairing filter";
-    LinkLog link;
-    ASSERT_TRUE(link.subscribe(mouse, devio::DeliveryDirect));
+    LinkLog link(mouse);
+    ASSERT_TRUE(link.listening);
     ASSERT_TRUE(eventually([&] { return mouse->connected(); }));
     EXPECT_TRUE(ping(mouse)) << devio::error_record().err;
 
@@ -266,8 +305,8 @@ TEST_F(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     // the data path is still there, producing nothing.
     const auto hw = pairing_device(mouse);
     ASSERT_TRUE(hw);
-    Traffic traffic;
-    ASSERT_TRUE(traffic.devio::Subscriber<IHardwareDevice::Write>::subscribe(hw, 1));
+    Traffic traffic(hw);
+    ASSERT_TRUE(traffic.listening);
     s.world.disconnect(kMouseKey);
     devio::set_error(devio::Success);
     EXPECT_FALSE(hw->write(std::vector<Byte>(7, 0x10), false));
@@ -339,9 +378,10 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
         ASSERT_TRUE(mouse);
         path = mouse->path();
     }
+    ASSERT_TRUE(s.idle());
+    s.end_managers();
     s.world.disconnect(kMouseKey);
     s.sim.command("unplug btmouse");
-    ASSERT_TRUE(s.idle());
     // An entry whose device the radio no longer knows.
     std::string text = s.cache();
     const std::string ghost = cache_line("/dev/hidraw@bt-00:1a:7d:da:71:13-00:1f:20:99:99:01",
@@ -353,7 +393,6 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
 
     // The cached device arrives through the run loop: the host pumps again
     // once the watcher listens.
-    s.host.stop();
     auto second = s.manager();
     Watcher watcher;
     ASSERT_TRUE(watcher.subscribe(second, devio::DeliveryDirect));
@@ -372,8 +411,8 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
     // Switched on, the known device connects; nothing new arrives. The
     // radio tells first: without its data path the device is not connected
     // yet, and it connects when the data path comes.
-    LinkLog link;
-    ASSERT_TRUE(link.subscribe(mouse, devio::DeliveryDirect));
+    LinkLog link(mouse);
+    ASSERT_TRUE(link.listening);
     s.world.connect(kMouseKey);
     ASSERT_TRUE(s.idle());
     EXPECT_FALSE(mouse->connected());
@@ -451,14 +490,16 @@ void loose_monitor_story(bool use_blevx) {
     EXPECT_EQ(keyboard->busport(), use_blevx ? 2 : 1);
     EXPECT_EQ(keyboard->path().find("gatt-") == 0, use_blevx);
     const std::string interface = use_blevx ? "blevx" : "blevxp";
-    EXPECT_NE(read_text(dir.path + "paired.xml").find("interface=\"" + interface + "\""),
-              std::string::npos)
-        << read_text(dir.path + "paired.xml");
+    // The plug is told before the file is written.
+    EXPECT_TRUE(eventually([&] {
+        return read_text(dir.path + "paired.xml").find("interface=\"" + interface + "\"") !=
+               std::string::npos;
+    })) << read_text(dir.path + "paired.xml");
 
     // Reads of both interfaces reach the device; writes go to the data path
     // only.
-    Traffic traffic;
-    ASSERT_TRUE(traffic.devio::Subscriber<IHardwareDevice::Read>::subscribe(keyboard, 1));
+    Traffic traffic(keyboard);
+    ASSERT_TRUE(traffic.listening);
     EXPECT_TRUE(keyboard->connected()) << "the poll did not catch up with the radio";
     ASSERT_TRUE(keyboard->open()) << devio::error_record().err;
     gatt->read({0x11, 0x01, 0x04, 0x00});
