@@ -22,6 +22,10 @@ std::string address_text(const std::string& uniq) {
 }
 }  // namespace
 
+std::shared_ptr<RadioWorld> make_world() {
+    return std::make_shared<FakeRadio>();
+}
+
 FakeBtDevice::FakeBtDevice(std::weak_ptr<FakeRadio> radio, std::string address, int bustype,
                            std::string paired_to)
     : radio_(std::move(radio)),

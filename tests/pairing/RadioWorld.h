@@ -2,8 +2,9 @@
 
 // Test support: the Bluetooth side of a simulated machine. A story drives
 // pairing, connection and radios through `RadioWorld`, and hands the bus
-// stack `monitor()`; `FakeRadio` is a monitor of the test's own behind that
-// interface, so that the same stories can run over another monitor.
+// stack `monitor()`; `make_world` picks the monitor. `FakeRadio` is one of
+// the test's own behind that interface; another monitor (one over BlueZ)
+// takes its place there, and the stories stay as they are.
 
 #include <atomic>
 #include <map>
@@ -37,6 +38,9 @@ public:
     // The radio says that the device lost its pairing with `radio`.
     virtual void unpair(const std::string& key, const std::string& radio) = 0;
 };
+
+// The radio the stories run over.
+std::shared_ptr<RadioWorld> make_world();
 
 class FakeRadio;
 

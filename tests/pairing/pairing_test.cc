@@ -231,7 +231,8 @@ struct Story {
     // A new manager; the story keeps it, so that it goes only when nothing
     // is delivered to it any more.
     std::shared_ptr<StoryManager> manager(bool with_directory = true) {
-        auto m = std::make_shared<StoryManager>(std::make_shared<BluetoothSimBus>(sim, radio));
+        auto m =
+            std::make_shared<StoryManager>(std::make_shared<BluetoothSimBus>(sim, world.monitor()));
         EXPECT_TRUE(m->config_set(kBluetoothActive, true));
         EXPECT_TRUE(m->config_set(kCordedActive, true));
         if (with_directory) m->persistent_data_directory(dir.path);
@@ -254,7 +255,7 @@ struct Story {
     bool idle() { return host.wait_idle(std::chrono::milliseconds(5000)); }
 
     SimMachine sim{kDesk};
-    std::shared_ptr<FakeRadio> radio = std::make_shared<FakeRadio>();
+    std::shared_ptr<RadioWorld> radio = make_world();
     RadioWorld& world = *radio;
     TempDir dir;
     devio::RunLoopHost host;
@@ -452,7 +453,7 @@ void loose_monitor_story(bool use_blevx) {
                                   "pid": "0xB40A", "bus": "bluetooth"}]})"
                              : R"({"devices": [{"id": "kb", "name": "Sim BLE Keyboard",
                                   "pid": "0xB40A", "bus": "bluetooth", "plugged": false}]})");
-    auto radio = std::make_shared<FakeRadio>();
+    auto radio = make_world();
     RadioWorld& world = *radio;
     world.add_radio(kRadio);
     world.pair(kKeyboardKey, 3, kRadio);
@@ -468,7 +469,7 @@ void loose_monitor_story(bool use_blevx) {
     auto gatt_bus = std::make_shared<FakeGattBus>();
     auto gatt = std::make_shared<FakeGattDevice>("gatt-" + kKeyboardKey + ":01", 0xB40A);
     if (!use_blevx) gatt_bus->plug(gatt);
-    auto platform = std::make_shared<BluetoothSimBus>(sim, radio, gatt_bus);
+    auto platform = std::make_shared<BluetoothSimBus>(sim, world.monitor(), gatt_bus);
     auto pairing = std::make_shared<PairingBus>(
         std::make_shared<devio::CombinerBus>(platform, std::weak_ptr<IDeviceManager>()), config);
     Plugs plugs;
