@@ -8,6 +8,7 @@
 #include "Base/Timer.h"
 #include "Bus/Combiner/CombinerBus.h"
 #include "Bus/IHardwareDevice.h"
+#include "Bus/Pairing/PairingBus.h"
 #include "Device/Device.h"
 #include "Manager/DeviceManager.h"
 #include "Manager/ReceiverTable.h"
@@ -80,9 +81,8 @@ bool DeviceManager::connectToHardwareBusses() {
         bus = std::make_shared<CombinerBus>(bus, weak_from_this());
     }
     if (!bus->bluetooth_busses().empty()) {
-        // FIXME: insert the pairing filter here once it exists; until then
-        // a platform bus has no Bluetooth monitors, so this is not reached.
         DM_LOG(2, "connectToHardwareBusses", "inserting pairing filter");
+        bus = std::make_shared<PairingBus>(bus, weak_from_this());
     }
     const auto secondary = bus->secondary_busses();
     if (!addBus(bus)) {
