@@ -64,9 +64,15 @@ public:
     explicit StoryManager(std::shared_ptr<IHardwareBus> platform)
         : platform_(std::move(platform)) {}
 
+    int stacks_built() const { return stacks_; }
+
 private:
-    std::shared_ptr<IHardwareBus> makePlatformBus() override { return platform_; }
+    std::shared_ptr<IHardwareBus> makePlatformBus() override {
+        ++stacks_;
+        return platform_;
+    }
     std::shared_ptr<IHardwareBus> platform_;
+    int stacks_ = 0;
 };
 
 class TempDir {
@@ -430,6 +436,12 @@ TEST(Pairing, DamagedCacheFileThrowsWhenNamedAndTheNextWriteReplacesIt) {
     Story s;
     write_text(s.dir.path + "paired.xml", "<devices><device path=\"/dev/hidraw@bt-");
     ASSERT_TRUE(s.host.start());
+    // Named before the start, the file throws out of the first devices();
+    // the stack is in place all the same, and the next call builds no other.
+    auto early = s.manager();
+    EXPECT_THROW(early->devices(), rapidxml::parse_error);
+    EXPECT_EQ(early->devices().size(), 2u);
+    EXPECT_EQ(early->stacks_built(), 1);
     auto manager = s.manager(false);
     const auto mouse = with_pid(manager->devices(), 0xB35B);
     ASSERT_TRUE(mouse);
