@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -75,23 +74,27 @@ private:
     std::map<devio::IDevice*, std::unique_ptr<WatchedDevice>> watched_;
 };
 
+int stop_fd = -1;
+
+void onStopSignal(int) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(stop_fd, &one, sizeof one);
+}
+
 }  // namespace
 
 int watch(const Options& options) {
-    // Blocked before the library starts its threads, which inherit the mask,
-    // so that the signals reach only the signalfd. A shell starts background
-    // jobs with SIGINT ignored, and an ignored signal never reaches a
-    // signalfd: watch is meant to be interrupted, so it takes them back.
-    ::signal(SIGINT, SIG_DFL);
-    ::signal(SIGTERM, SIG_DFL);
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC);
+    // A handler, not a signalfd: the library may have started threads (its
+    // log) before main, and a signal reaches whichever thread does not block
+    // it. A shell starts background jobs with SIGINT ignored; watch is meant
+    // to be interrupted, so the handler replaces that too.
+    stop_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     const int wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (signal_fd < 0 || wake_fd < 0) {
+    struct sigaction action {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    if (stop_fd < 0 || wake_fd < 0 || ::sigaction(SIGINT, &action, nullptr) != 0 ||
+        ::sigaction(SIGTERM, &action, nullptr) != 0) {
         std::cerr << "devio: cannot watch: " << std::strerror(errno) << "\n";
         return 1;
     }
@@ -109,7 +112,7 @@ int watch(const Options& options) {
     for (const auto& device : present) watcher.add(device);
 
     while (!watcher.broken()) {
-        pollfd fds[2] = {{signal_fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
+        pollfd fds[2] = {{stop_fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
             if (errno == EINTR) continue;
             break;
@@ -126,7 +129,6 @@ int watch(const Options& options) {
     watcher.unsubscribe(devio::cdevio.manager());
     pump.unsubscribe(devio::cdevio.manager());
     ::close(wake_fd);
-    ::close(signal_fd);
     return watcher.broken() ? 1 : 0;
 }
 
