@@ -26,12 +26,8 @@ int listDevices(const Options& options, const Devices& devices) {
 }
 
 int showDevice(const Options& options, const Devices& devices) {
-    std::string error;
-    auto device = selectDevice(devices, options.operands.at(0), error);
-    if (!device) {
-        std::cerr << "devio: " << error << "\n";
-        return kFailed;
-    }
+    auto device = deviceArgument(devices, options.operands.at(0));
+    if (!device) return kFailed;
     DeviceFacts facts(device);
     const json details = facts.details();
     print(options.json ? jsonLine(details) : renderShow(details));

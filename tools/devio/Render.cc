@@ -29,9 +29,17 @@ std::string batteryText(const json& device) {
     return std::to_string(b->value("level", 0)) + "%";
 }
 
+// Floats as a person reads them: 1.5, 3.40282e+38.
+std::string number(const json& value) {
+    if (!value.is_number_float()) return value.dump();
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value.get<double>());
+    return text;
+}
+
 std::string propertyValue(const json& p) {
     if (!p.contains("value")) return "?";
-    return p["value"].dump() + " (" + p["min"].dump() + " .. " + p["max"].dump() + ")";
+    return number(p["value"]) + " (" + number(p["min"]) + " .. " + number(p["max"]) + ")";
 }
 
 // Columns as wide as their widest cell, two blanks apart; the last one is

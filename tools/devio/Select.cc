@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <functional>
+#include <iostream>
 
 #include "Features/IFeature.h"
 #include "Features/IFeature0005DeviceNameType.h"
@@ -75,6 +76,13 @@ std::shared_ptr<devio::IDevice> selectDevice(const Devices& devices, const std::
         for (const auto& d : found) error += " " + d->path();
     }
     return nullptr;
+}
+
+std::shared_ptr<devio::IDevice> deviceArgument(const Devices& devices, const std::string& what) {
+    std::string error;
+    auto device = selectDevice(devices, what, error);
+    if (!device) std::cerr << "devio: " << error << "\n";
+    return device;
 }
 
 }  // namespace devio_tool

@@ -17,4 +17,9 @@ std::shared_ptr<devio::IDevice> selectDevice(
     const std::vector<std::shared_ptr<devio::IDevice>>& devices, const std::string& what,
     std::string& error);
 
+// The same, for a command's DEVICE argument: the reason goes to standard
+// error.
+std::shared_ptr<devio::IDevice> deviceArgument(
+    const std::vector<std::shared_ptr<devio::IDevice>>& devices, const std::string& what);
+
 }  // namespace devio_tool

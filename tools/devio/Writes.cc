@@ -53,12 +53,8 @@ std::shared_ptr<devio::IFeature1F1FFirmwareProperty> findProperty(
 }  // namespace
 
 int friendlyName(const Options& options, const Devices& devices) {
-    std::string error;
-    auto device = selectDevice(devices, options.operands.at(0), error);
-    if (!device) {
-        std::cerr << "devio: " << error << "\n";
-        return kFailed;
-    }
+    auto device = deviceArgument(devices, options.operands.at(0));
+    if (!device) return kFailed;
     auto f = need<devio::IFeature0007DeviceFriendlyName>(*device, 0x0007, "no friendly name");
     if (!f) return kFailed;
     if (options.set_name && !f->SetFriendlyName(*options.set_name)) {
@@ -79,12 +75,8 @@ int friendlyName(const Options& options, const Devices& devices) {
 }
 
 int property(const Options& options, const Devices& devices) {
-    std::string error;
-    auto device = selectDevice(devices, options.operands.at(0), error);
-    if (!device) {
-        std::cerr << "devio: " << error << "\n";
-        return kFailed;
-    }
+    auto device = deviceArgument(devices, options.operands.at(0));
+    if (!device) return kFailed;
     const std::string& name = options.operands.at(1);
     auto props =
         need<devio::IFeature1F1FFirmwareProperties>(*device, 0x1F1F, "no firmware properties");
