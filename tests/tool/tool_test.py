@@ -31,6 +31,8 @@ class ToolTest(unittest.TestCase):
     def devio(self, *args, status=0, timeout=120):
         out = self.machine.run(TOOL, *args, timeout=timeout)
         self.assertEqual(out.returncode, status, (args, out.stdout, out.stderr))
+        # A sanitizer build reports there, whatever the status.
+        self.assertNotIn("Sanitizer", out.stderr)
         return out
 
     def test_list_and_show_tell_what_the_devices_are(self):
@@ -180,6 +182,7 @@ class ToolTest(unittest.TestCase):
             stderr = watch.stderr.read()
             watch.stderr.close()
         self.assertEqual(status, 0, stderr)
+        self.assertNotIn("Sanitizer", stderr)
 
     def test_a_device_that_drops_every_answer_keeps_its_row(self):
         self.machine.ctl("fault", "mouse", "drop", "on")
