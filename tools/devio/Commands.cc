@@ -21,6 +21,11 @@ int listDevices(const Options& options, const Devices& devices) {
     }
     json list = json::array();
     for (auto& row : rows) list.push_back(row.get());
+    if (devices.empty()) {
+        // hidraw nodes are root's unless the rule gives them to the seat's user.
+        std::cerr << "devio: no device found; without the udev rule 70-vantrel-devio.rules "
+                     "only root can open them (see devio(1))\n";
+    }
     print(options.json ? jsonLine(json{{"devices", list}}) : renderList(list));
     return kOk;
 }
