@@ -100,6 +100,12 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(len(os.listdir(cache)), 2)
         self.assertEqual(os.stat(cache).st_mode & 0o777, 0o700)
 
+        # New firmware: the cache no longer fits; the device is read afresh.
+        self.machine.ctl("reflash", "mouse", "0", "0x1300")
+        mouse = by_product(json.loads(self.devio("list", "--json").stdout)["devices"])[0xC08B]
+        self.assertEqual((mouse["firmware"], mouse["type"], mouse["errors"]),
+                         ("13.0.45", "mouse", []))
+
     def test_writes_reach_the_device(self):
         out = json.loads(self.devio("name", "mouse", "--set", "Travel", "--json").stdout)
         self.assertEqual(out["name"], "Travel")

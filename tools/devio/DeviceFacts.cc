@@ -1,6 +1,7 @@
 #include "DeviceFacts.h"
 
 #include <array>
+#include <functional>
 
 #include "ErrorText.h"
 #include "Features/IFeature.h"
@@ -72,6 +73,9 @@ void DeviceFacts::failed(const char* what) {
     errors_.push_back(
         json{{"what", what}, {"code", f.err}, {"name", errorName(f.err)}, {"text", describe(f)}});
     if (deviceUnreachable(f.err)) silent_ = true;
+    // The feature objects in hand belong to the old firmware: stop, and let
+    // the caller start again on the new one.
+    if (f.err == devio::FwVersionChanged) silent_ = firmware_changed_ = true;
 }
 
 template <class Interface>
@@ -95,6 +99,10 @@ std::shared_ptr<Interface> DeviceFacts::feature(unsigned id, const char* what) {
 }
 
 json DeviceFacts::summary(bool full) {
+    return again([&] { return summaryOnce(full); });
+}
+
+json DeviceFacts::summaryOnce(bool full) {
     json j = identity(*device_);
     j["connected"] = device_->connected();
     if (auto names = feature<devio::IFeature0005DeviceNameType>(0x0005, "name")) {
@@ -252,8 +260,22 @@ json DeviceFacts::featureTable() {
     return table;
 }
 
+json DeviceFacts::again(const std::function<json()>& gather) {
+    json j = gather();
+    if (!firmware_changed_) return j;
+    // The library found new firmware and forgot the old features; the next
+    // calls discover the new ones.
+    errors_ = json::array();
+    silent_ = firmware_changed_ = false;
+    return gather();
+}
+
 json DeviceFacts::details() {
-    json j = summary(true);
+    return again([&] { return detailsOnce(); });
+}
+
+json DeviceFacts::detailsOnce() {
+    json j = summaryOnce(true);
     if (json n = friendlyName(); !n.is_null()) j["friendly_name"] = n;
     if (auto root = feature<devio::IFeature0000Root>(0x0000, "protocol")) {
         unsigned protocol = 0, target = 0;

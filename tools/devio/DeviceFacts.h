@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,7 +12,8 @@ namespace devio_tool {
 
 // What the tool reads from a device, as JSON with the key names that
 // `--json` prints. Each call blocks on the device's commands, on the calling
-// thread. A fact the device cannot give is left out, and its failure is
+// thread. A device found to carry new firmware is read again. A fact the
+// device cannot give is left out, and its failure is
 // added to "errors" (what, code, name, text). Once the device has not
 // answered at all, nothing more is asked of it: every further command would
 // wait out the library's full time-out again.
@@ -40,6 +42,11 @@ public:
 private:
     template <class Interface>
     std::shared_ptr<Interface> feature(unsigned id, const char* what);
+    // Runs `gather` once more when the device's firmware turned out to have
+    // changed under it.
+    nlohmann::json again(const std::function<nlohmann::json()>& gather);
+    nlohmann::json summaryOnce(bool full);
+    nlohmann::json detailsOnce();
     // Records the thread's last failure under `what`.
     void failed(const char* what);
 
@@ -51,6 +58,7 @@ private:
     nlohmann::json errors_ = nlohmann::json::array();
     bool silent_ = false;
     bool vxp20_ = true;
+    bool firmware_changed_ = false;
 };
 
 // The word for a bus type: corded, receiver, bluetooth, ble, gatt.
