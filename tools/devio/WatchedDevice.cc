@@ -71,13 +71,15 @@ void WatchedDevice::event(const char* name, json fields) {
 }
 
 void WatchedDevice::announce() {
+    // Followed first, then told: once the arrival is printed, no change of
+    // the device goes unseen.
+    Subscriber<devio::IDevice::Connect>::subscribe(device_, devio::DeliveryRunLoop);
+    Subscriber<devio::IDevice::ConfigChange>::subscribe(device_, devio::DeliveryRunLoop);
+    followFeatures();
     json j = DeviceFacts::identity(*device_);
     j.erase("path");
     j["connected"] = device_->connected();
     event("arrival", j);
-    Subscriber<devio::IDevice::Connect>::subscribe(device_, devio::DeliveryRunLoop);
-    Subscriber<devio::IDevice::ConfigChange>::subscribe(device_, devio::DeliveryRunLoop);
-    followFeatures();
 }
 
 void WatchedDevice::removed() {

@@ -59,8 +59,8 @@ int main(int argc, char** argv) {
         std::cout << helpText(options->command);
         return kOk;
     }
-    separateLibraryOutput(options->verbose);
     prepareLogging(*options);
+    separateLibraryOutput(options->verbose, argv);
     try {
         return run(*options);
     } catch (const std::exception& e) {
