@@ -2,7 +2,6 @@
 // physical memory the kernel counts, and the local time's offset from UTC.
 
 #include <ctime>
-#include <sstream>
 
 #include "machine_files.h"
 #include "readers.h"
@@ -11,18 +10,11 @@ namespace qv::inventory {
 
 namespace {
 
+// The kernel counts in kibibytes, whatever the unit beside it says.
 void addMemory(Row& row) {
-    const auto meminfo = fileText(procRoot() + "/meminfo");
-    if (!meminfo) return;
-    std::istringstream lines(*meminfo);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("MemTotal:", 0) != 0) continue;
-        // The kernel counts in kibibytes, whatever the unit beside it says.
-        if (const auto kib = leadingNumber(line.substr(9))) {
-            row["totalphysicalmemory"] = std::to_string(*kib * 1024);
-        }
-        return;
-    }
+    const auto kib =
+        leadingNumber(labelledValue(procRoot() + "/meminfo", "MemTotal:").value_or(""));
+    if (kib) row["totalphysicalmemory"] = std::to_string(*kib * 1024);
 }
 
 // Minutes east of UTC, now.

@@ -7,6 +7,11 @@
 // are missing. A device that is slow to answer delays the upload by the
 // library's own time-outs; there is none at this level.
 
+#include <cstdio>
+#include <iterator>
+#include <memory>
+#include <string>
+
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Features/IFeature.h"
@@ -14,12 +19,6 @@
 #include "Features/IFeature0005DeviceNameType.h"
 #include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Manager/CDevio.h"
-
-#include <cstdio>
-#include <iterator>
-#include <memory>
-#include <string>
-
 #include "header_sections.h"
 
 namespace qv::inventory {
@@ -38,8 +37,8 @@ constexpr unsigned kNameTypeFeature = 0x0005;
 constexpr unsigned kBatteryFeature = 0x1000;
 constexpr unsigned kFirmwareInfoFeature = 0x0003;
 
-const char* const kDeviceTypeWords[] = {"keyboard", "remote", "numpad",   "mouse",    "touch",
-                                        "track",    "present", "receiver", "headset", "webcam",
+const char* const kDeviceTypeWords[] = {"keyboard", "remote",   "numpad",   "mouse",   "touch",
+                                        "track",    "present",  "receiver", "headset", "webcam",
                                         "steering", "joystick", "gamepad"};
 
 // A code beyond the table would read past it; the server gets the code as

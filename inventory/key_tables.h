@@ -15,8 +15,8 @@ enum class Conversion {
     VersionMajor,  // first of three point-separated parts
     VersionMinor,
     VersionBuild,
-    Date,          // management date text to 2017-06-01T22:07:41.123456Z
-    FirstTwo,      // "64-bit" to "64"
+    Date,      // management date text to 2017-06-01T22:07:41.123456Z
+    FirstTwo,  // "64-bit" to "64"
 };
 
 struct KeyRule {

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 
 namespace qv::inventory {
 
@@ -73,6 +74,16 @@ std::optional<std::string> firstLine(const std::string& path) {
     return line;
 }
 
+std::optional<std::string> labelledValue(const std::string& path, const std::string& label) {
+    const auto text = fileText(path);
+    if (!text) return std::nullopt;
+    std::istringstream lines(*text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(label, 0) == 0) return line.substr(label.size());
+    }
+    return std::nullopt;
+}
+
 std::vector<std::string> directoryNames(const std::string& path) {
     std::vector<std::string> names;
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
@@ -90,6 +101,17 @@ std::optional<unsigned long long> leadingNumber(const std::string& text) {
     unsigned long long value = 0;
     const auto [end, ec] = std::from_chars(t.data(), t.data() + t.size(), value);
     if (ec != std::errc() || end == t.data()) return std::nullopt;
+    return value;
+}
+
+std::optional<unsigned> hexId(const std::string& text) {
+    const std::string digits = text.rfind("0x", 0) == 0 ? text.substr(2) : text;
+    unsigned value = 0;
+    const char* end = digits.data() + digits.size();
+    const auto [stop, ec] = std::from_chars(digits.data(), end, value, 16);
+    if (ec != std::errc() || stop != end || digits.empty() || digits.size() > 4) {
+        return std::nullopt;
+    }
     return value;
 }
 

@@ -22,6 +22,11 @@ std::optional<std::string> firstLine(const std::string& path);
 // The whole file, or nothing; bounded, since kernel text files are small.
 std::optional<std::string> fileText(const std::string& path);
 
+// What follows `label` on the first line of the file that begins with it
+// ("btime " in /proc/stat, "MemTotal:" in /proc/meminfo); nothing when no
+// line does.
+std::optional<std::string> labelledValue(const std::string& path, const std::string& label);
+
 // The names in a directory in byte order, without "." and ".."; empty when
 // it cannot be read.
 std::vector<std::string> directoryNames(const std::string& path);
@@ -31,5 +36,9 @@ std::string trimmed(const std::string& text);
 
 // The decimal number at the start of `text` (after blanks), or nothing.
 std::optional<unsigned long long> leadingNumber(const std::string& text);
+
+// The whole of `text` as a hexadecimal number of at most four digits, with
+// or without "0x" in front (sysfs writes ids both ways), or nothing.
+std::optional<unsigned> hexId(const std::string& text);
 
 }  // namespace qv::inventory

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
 
 #include "machine_files.h"
 #include "readers.h"
@@ -28,16 +27,8 @@ std::string managementDate(std::time_t when) {
 }
 
 void addBootTime(Row& row) {
-    const auto stat = fileText(procRoot() + "/stat");
-    if (!stat) return;
-    std::istringstream lines(*stat);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("btime ", 0) != 0) continue;
-        if (const auto seconds = leadingNumber(line.substr(6))) {
-            row["lastbootuptime"] = managementDate(static_cast<std::time_t>(*seconds));
-        }
-        return;
-    }
+    const auto seconds = leadingNumber(labelledValue(procRoot() + "/stat", "btime ").value_or(""));
+    if (seconds) row["lastbootuptime"] = managementDate(static_cast<std::time_t>(*seconds));
 }
 
 // Word sizes of the architectures whose names do not say it.
@@ -60,7 +51,8 @@ std::string firstSet(std::initializer_list<const char*> names) {
 void splitLocale(const std::string& locale, std::string& name, std::string& codeset) {
     name = locale.substr(0, locale.find_first_of(".@"));
     const auto dot = locale.find('.');
-    codeset = dot == std::string::npos ? "" : locale.substr(dot + 1, locale.find('@', dot) - dot - 1);
+    codeset =
+        dot == std::string::npos ? "" : locale.substr(dot + 1, locale.find('@', dot) - dot - 1);
 }
 
 void addLocale(Row& row) {

@@ -14,17 +14,8 @@ namespace qv::inventory {
 
 namespace {
 
-std::optional<unsigned long long> hexAttribute(const std::string& path) {
-    const auto text = firstLine(path);
-    if (!text || text->size() > 4) return std::nullopt;
-    try {
-        std::size_t used = 0;
-        const unsigned long long value = std::stoull(*text, &used, 16);
-        if (used != text->size()) return std::nullopt;
-        return value;
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+std::optional<unsigned> hexAttribute(const std::string& path) {
+    return hexId(firstLine(path).value_or(""));
 }
 
 // A root hub's name follows the USB version it speaks: " 3.10", " 2.00".
@@ -36,8 +27,7 @@ std::optional<std::string> rootHubName(const std::string& dir) {
     return "ROOT_HUB";
 }
 
-void addDevice(const std::string& devices, const std::string& name,
-               std::set<std::string>& names) {
+void addDevice(const std::string& devices, const std::string& name, std::set<std::string>& names) {
     const std::string dir = devices + name + "/";
     if (name.rfind("usb", 0) == 0) {
         if (auto hub = rootHubName(dir)) names.insert(*hub);
@@ -47,7 +37,7 @@ void addDevice(const std::string& devices, const std::string& name,
     const auto product = hexAttribute(dir + "idProduct");
     if (!vendor || !product) return;
     char text[48];
-    std::snprintf(text, sizeof text, "VID_%04llX&PID_%04llX", *vendor, *product);
+    std::snprintf(text, sizeof text, "VID_%04X&PID_%04X", *vendor, *product);
     const std::string base = text;
     names.insert(base);
     if (leadingNumber(firstLine(dir + "bNumInterfaces").value_or("")).value_or(0) < 2) return;
@@ -56,7 +46,7 @@ void addDevice(const std::string& devices, const std::string& name,
         if (entry.rfind(name + ":", 0) != 0) continue;
         const auto number = hexAttribute(devices + entry + "/bInterfaceNumber");
         if (!number) continue;
-        std::snprintf(text, sizeof text, "&MI_%02llX", *number);
+        std::snprintf(text, sizeof text, "&MI_%02X", *number);
         names.insert(base + text);
     }
 }

@@ -16,18 +16,8 @@ namespace qv::inventory {
 
 namespace {
 
-// "0x8086" as the kernel writes PCI ids, to 8086.
-std::optional<unsigned long long> pciId(const std::string& path) {
-    const auto text = firstLine(path);
-    if (!text || text->rfind("0x", 0) != 0) return std::nullopt;
-    try {
-        std::size_t used = 0;
-        const unsigned long long id = std::stoull(text->substr(2), &used, 16);
-        if (used + 2 != text->size() || id > 0xFFFF) return std::nullopt;
-        return id;
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+std::optional<unsigned> pciId(const std::string& path) {
+    return hexId(firstLine(path).value_or(""));
 }
 
 Row cardRow(const std::string& card) {
@@ -37,7 +27,7 @@ Row cardRow(const std::string& card) {
     const auto product = pciId(device + "device");
     if (vendor && product) {
         char name[40];
-        std::snprintf(name, sizeof name, "PCI\\VEN_%04llX&DEV_%04llX", *vendor, *product);
+        std::snprintf(name, sizeof name, "PCI\\VEN_%04X&DEV_%04X", *vendor, *product);
         row["name"] = name;
     }
     std::error_code ec;

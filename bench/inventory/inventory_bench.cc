@@ -61,8 +61,8 @@ int main() {
     std::ifstream in(DEMO_DESK);
     std::stringstream text;
     text << in.rdbuf();
-    auto machine = std::make_unique<devio_sim::Machine>(devio_sim::parseMachine(text.str()),
-                                                        dir + "/desk");
+    auto machine =
+        std::make_unique<devio_sim::Machine>(devio_sim::parseMachine(text.str()), dir + "/desk");
     if (const std::string why = machine->start(); !why.empty()) {
         std::fprintf(stderr, "simulator: %s\n", why.c_str());
         return 1;
@@ -100,10 +100,11 @@ int main() {
     std::printf("CollectSystemData, simulated desk (%zu devices), %d ms per answer\n",
                 devices.size(), kLinkMs);
     std::printf("  first upload (library start, discovery): %8.1f ms\n", first);
-    std::printf("  second upload: %3d reports, bound %6.1f ms, took %6.1f ms, %.2fx (target %.2fx)\n",
-                secondReports, secondBound, second, secondBound > 0 ? second / secondBound : 0,
-                kTarget);
-    std::printf("  later uploads, median of %d: %.2fx the bound\n", kRepeats, ratios[ratios.size() / 2]);
+    std::printf(
+        "  second upload: %3d reports, bound %6.1f ms, took %6.1f ms, %.2fx (target %.2fx)\n",
+        secondReports, secondBound, second, secondBound > 0 ? second / secondBound : 0, kTarget);
+    std::printf("  later uploads, median of %d: %.2fx the bound\n", kRepeats,
+                ratios[ratios.size() / 2]);
     machine.reset();
     std::filesystem::remove_all(dir);
     const bool met = secondBound > 0 && second <= kTarget * secondBound;

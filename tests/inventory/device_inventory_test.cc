@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "DescriptionJson.h"
+#include "Device/IDevice.h"
 #include "ErrorBytes.h"
 #include "Machine.h"
-#include "Device/IDevice.h"
 #include "Manager/CDevio.h"
 #include "header_sections.h"
 
@@ -67,19 +67,24 @@ TEST(DeviceInventory, FailedCallsLeaveTheirInitialValuesAndADisconnectedDeviceHa
     ASSERT_TRUE(devices[0]->feature_by_id(0x0005));
     ASSERT_TRUE(devices[0]->feature_by_id(0x1000));
     // ... and from here it refuses every command.
-    ASSERT_EQ(sim.machine().withFaults("mouse", [](devio_sim::Faults& f) {
-        f.error(2, devio_sim::vxp20::kNotAllowed, devio_sim::Faults::kForever);
-        return std::string();
-    }), "");
+    ASSERT_EQ(sim.machine().withFaults("mouse",
+                                       [](devio_sim::Faults& f) {
+                                           f.error(2, devio_sim::vxp20::kNotAllowed,
+                                                   devio_sim::Faults::kForever);
+                                           return std::string();
+                                       }),
+              "");
     const json refused = inventory().at(0);
     EXPECT_EQ(refused.value("devname", "?"), "") << refused.dump();
     EXPECT_EQ(refused.value("devtype", "?"), "keyboard") << refused.dump();  // type byte 0
     EXPECT_EQ(refused.value("battery", -1), 0) << refused.dump();
 
-    ASSERT_EQ(sim.machine().withFaults("mouse", [](devio_sim::Faults& f) {
-        f.clear();
-        return std::string();
-    }), "");
+    ASSERT_EQ(sim.machine().withFaults("mouse",
+                                       [](devio_sim::Faults& f) {
+                                           f.clear();
+                                           return std::string();
+                                       }),
+              "");
     const json answered = inventory().at(0);
     EXPECT_EQ(answered.value("devname", "?"), "Vantrel Corded Mouse") << answered.dump();
     EXPECT_EQ(answered.value("battery", -1), 60) << answered.dump();

@@ -78,7 +78,8 @@ std::optional<Upload> uploadOnce(UploadBench& bench, const std::string& devio_sy
         ADD_FAILURE() << "no upload arrived\n" << bench.traces();
         return std::nullopt;
     }
-    Upload upload{uploads.back().headerText, json::parse(uploads.back().headerText, nullptr, false)};
+    Upload upload{uploads.back().headerText,
+                  json::parse(uploads.back().headerText, nullptr, false)};
     EXPECT_FALSE(upload.header.is_discarded()) << upload.text;
     // Compact, with every object's keys in ascending byte order.
     EXPECT_EQ(upload.header.dump(), upload.text);
@@ -107,30 +108,46 @@ const char* const kDesk = R"({"devices": [
   {"id": "bare", "name": "Vantrel Bare Keys", "pid": "0xB030", "entities": []}]})";
 
 json entity(int type, const char* prefix, const char* version, const char* build, int rdnf) {
-    return {{"type", type}, {"prefix", prefix}, {"version", version}, {"build", build},
-            {"rdnf", rdnf}};
+    return {
+        {"type", type}, {"prefix", prefix}, {"version", version}, {"build", build}, {"rdnf", rdnf}};
 }
 
 // What the desk's description says each device must show, busport aside
 // (where a device sits is the library's to say).
 json expectedDesk() {
-    json mouse = {{"name", "Vantrel Corded Mouse"}, {"bustype", 0}, {"connected", true},
-                  {"devname", "Vantrel Corded Mouse"}, {"devtype", "mouse"}, {"battery", 80},
-                  {"transport", 2}, {"pid1", "0x1a2b"}, {"pid2", "0xc08b"}, {"pid3", "0x0"},
-                  {"extid", 7},
-                  {"fws", {entity(0, "MPM", "1203", "0045", 1), entity(1, "BOT", "0102", "0007", 0)}}};
-    json pad = {{"name", "Vantrel Touch Pad"}, {"bustype", 0}, {"connected", true},
-                {"devname", "Vantrel Touch Pad"}, {"devtype", "touch"}, {"transport", 0},
-                {"pid1", "0xb010"}, {"pid2", "0x0"}, {"pid3", "0x0"}, {"extid", 0},
-                {"fws", {entity(0, "MPM", "0100", "0000", 1)}}};
-    json proto = {{"name", "Vantrel Prototype"}, {"bustype", 0}, {"connected", true},
-                  {"devname", "Vantrel Prototype"}, {"devtype", "14"}, {"battery", 5},
-                  {"transport", 0}, {"pid1", "0xb011"}, {"pid2", "0x0"}, {"pid3", "0x0"},
-                  {"extid", 0}, {"fws", {entity(0, "MPM", "0100", "0000", 1)}}};
-    json split = {{"name", "Vantrel Split Keyboard"}, {"bustype", 0}, {"connected", true},
-                  {"devname", "Vantrel Split Keyboard"}, {"devtype", "keyboard"}, {"battery", 90},
-                  {"transport", 0}, {"pid1", "0xb021"}, {"pid2", "0x0"}, {"pid3", "0x0"},
-                  {"extid", 0}, {"fws", {entity(0, "MPM", "0100", "0000", 1)}}};
+    json mouse = {
+        {"name", "Vantrel Corded Mouse"},
+        {"bustype", 0},
+        {"connected", true},
+        {"devname", "Vantrel Corded Mouse"},
+        {"devtype", "mouse"},
+        {"battery", 80},
+        {"transport", 2},
+        {"pid1", "0x1a2b"},
+        {"pid2", "0xc08b"},
+        {"pid3", "0x0"},
+        {"extid", 7},
+        {"fws", {entity(0, "MPM", "1203", "0045", 1), entity(1, "BOT", "0102", "0007", 0)}}};
+    // The others run the simulator's default firmware: one entity, no
+    // transport, their own product id first.
+    const auto plain = [](const char* name, const char* type, const char* pid, int battery) {
+        json device = {{"name", name},
+                       {"bustype", 0},
+                       {"connected", true},
+                       {"devname", name},
+                       {"devtype", type},
+                       {"transport", 0},
+                       {"pid1", pid},
+                       {"pid2", "0x0"},
+                       {"pid3", "0x0"},
+                       {"extid", 0},
+                       {"fws", {entity(0, "MPM", "0100", "0000", 1)}}};
+        if (battery >= 0) device["battery"] = battery;
+        return device;
+    };
+    const json pad = plain("Vantrel Touch Pad", "touch", "0xb010", -1);  // no battery feature
+    const json proto = plain("Vantrel Prototype", "14", "0xb011", 5);
+    const json split = plain("Vantrel Split Keyboard", "keyboard", "0xb021", 90);
     return {mouse, pad, proto, split};
 }
 
@@ -165,25 +182,31 @@ TEST(InventoryUpload, DeskDevicesWithEveryKeyTheirFeaturesGive) {
     EXPECT_LT(traces.find("bg get devio"), got) << traces;
 }
 
-TEST(InventoryUpload, DeviceThatNeverAnswersDelaysTheUploadButItHappens) {
+// A device that never answers costs the library's whole retry budget per
+// command (eleven passes of three seconds); one command's worth keeps the
+// run under a minute and shows the same: the upload waits for the
+// library's time-outs, no longer, and then happens with a valid header.
+TEST(InventoryUpload, DeviceThatStopsAnsweringDelaysTheUploadButItHappens) {
+    constexpr int kPasses = 11;
     UploadBench bench;
     SimDesk desk(kDesk, bench.dir.file("desk"));
-    ASSERT_EQ(desk.machine().withFaults("pad", [](devio_sim::Faults& f) {
-        f.drop(devio_sim::Faults::kForever);
-        return std::string();
-    }), "");
+    ASSERT_EQ(desk.machine().withFaults("pad",
+                                        [](devio_sim::Faults& f) {
+                                            f.drop(kPasses);
+                                            return std::string();
+                                        }),
+              "");
     const auto start = std::chrono::steady_clock::now();
     const auto upload = uploadOnce(bench, desk.machine().sysfsRoot(), desk.machine().devRoot(),
                                    bench.dir.file("no-machine"));
     const auto took = std::chrono::steady_clock::now() - start;
     ASSERT_TRUE(upload);
-    // The others are described in full; the silent one as far as it got.
     std::map<std::string, json> byName;
     for (const json& device : upload->header["vant"]["a"]) byName[device["name"]] = device;
-    EXPECT_EQ(byName["Vantrel Corded Mouse"]["battery"], 80);
-    EXPECT_EQ(byName["Vantrel Split Keyboard"]["devname"], "Vantrel Split Keyboard");
-    // The library's time-outs held it up; nothing of ours did.
-    EXPECT_GE(took, std::chrono::seconds(3)) << upload->header["vant"].dump();
+    EXPECT_EQ(byName.size(), 5u) << upload->header["vant"].dump();
+    EXPECT_EQ(byName["Vantrel Corded Mouse"].value("battery", -1), 80);
+    EXPECT_TRUE(byName.count("Vantrel Touch Pad")) << upload->header["vant"].dump();
+    EXPECT_GE(took, std::chrono::seconds(25)) << upload->header["vant"].dump();
 }
 
 // Prepared machines: the facts each file gives, and what a machine without
@@ -191,8 +214,8 @@ TEST(InventoryUpload, DeviceThatNeverAnswersDelaysTheUploadButItHappens) {
 struct MachineCase {
     const char* name;
     Tree tree;
-    std::string expected;              // keys of the header that must be so, as JSON
-    std::vector<const char*> absent;   // keys that must not be there
+    std::string expected;             // keys of the header that must be so, as JSON
+    std::vector<const char*> absent;  // keys that must not be there
 };
 
 const Tree kFullMachine = {
@@ -277,8 +300,9 @@ TEST(InventoryUpload, MachineSectionsFromPreparedTreesLeaveOutWhatIsNotExposed) 
     // list, a kernel release of two parts, a vendor without a product.
     const Tree sparse = {
         {"proc/sys/kernel/osrelease", "6.8\n"},
-        {"proc/cpuinfo", "processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\n"
-                         "BogoMIPS\t: 50.00\n\nHardware\t: BCM2835\n"},
+        {"proc/cpuinfo",
+         "processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\n"
+         "BogoMIPS\t: 50.00\n\nHardware\t: BCM2835\n"},
         {"sys/class/dmi/id/sys_vendor", "Raspberry\n"},
         {"sys/class/drm/card0-HDMI-A-1/status", "connected\n"},
         {"sys/class/drm/card0-HDMI-A-1/enabled", "enabled\n"},
@@ -289,12 +313,14 @@ TEST(InventoryUpload, MachineSectionsFromPreparedTreesLeaveOutWhatIsNotExposed) 
     };
     const std::vector<MachineCase> cases = {
         {"full", kFullMachine, kFullExpected, {"installtime"}},
-        {"sparse", sparse,
+        {"sparse",
+         sparse,
          R"({"osmajor": "", "osminor": "", "osbuild": "", "manufacturer": "Raspberry",
              "video": {"a": [{}]}, "cpu": {"a": [{}]}, "monitors": {"a": []},
              "usb": {"a": []}})",
          {"model", "physmem", "boottime", "installtime"}},
-        {"empty", {},
+        {"empty",
+         {},
          R"({"video": {"a": []}, "cpu": {"a": []}, "monitors": {"a": []}, "usb": {"a": []},
              "ostype": "linux", "tzoffset": "120"})",
          {"osmajor", "osminor", "osbuild", "boottime", "manufacturer", "model", "physmem"}},

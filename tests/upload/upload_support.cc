@@ -1,7 +1,6 @@
 #include "upload_support.h"
 
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 
 #include <filesystem>
