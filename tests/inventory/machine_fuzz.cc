@@ -39,6 +39,11 @@ const char* const kFiles[] = {
     "sys/bus/usb/devices/1-1:1.0/bInterfaceNumber",
 };
 
+std::string& treeDir() {
+    static std::string dir;
+    return dir;
+}
+
 std::string treeRoot() {
     static const std::string root = [] {
         char name[] = "/tmp/machine-fuzz-XXXXXX";
@@ -46,6 +51,8 @@ std::string treeRoot() {
         ::setenv("VANTSHRD_PROC_ROOT", (dir + "/proc").c_str(), 1);
         ::setenv("VANTSHRD_SYSFS_ROOT", (dir + "/sys").c_str(), 1);
         ::unsetenv("VANTSHRD_DRM_ROOT");
+        treeDir() = dir;
+        std::atexit([] { std::filesystem::remove_all(treeDir()); });
         return dir;
     }();
     return root;
