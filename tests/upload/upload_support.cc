@@ -1,6 +1,7 @@
 #include "upload_support.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <sstream>
@@ -63,6 +64,13 @@ bool traced(const std::string& log, const std::string& text) {
 UploadBench::UploadBench(const IngestOptions& options)
     : data(dir.file("data")), log(dir.file("debug.log")), server(dir.file("ingest"), options) {
     server.becomeUploadTarget();
+    // The header's device inventory reads a machine without devices, never
+    // the real one's hidraw nodes and lock folder.
+    const std::string noDevices = dir.file("no-devices");
+    std::filesystem::create_directories(noDevices + "/class/hidraw");
+    for (const char* name : {"DEVIO_SYSFS_ROOT", "DEVIO_DEV_ROOT", "DEVIO_LOCK_DIR"}) {
+        ::setenv(name, noDevices.c_str(), 1);
+    }
 }
 
 RunResult UploadBench::run(const std::string& input, const std::vector<std::string>& extra) {
