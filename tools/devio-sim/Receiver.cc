@@ -41,27 +41,40 @@ Receiver::Receiver(const ReceiverDescription& description)
 }
 
 void Receiver::onHostReport(const Report& report, Outbox& out) {
-    if (report.size() < kHeaderSize) return;
+    if (report.size() < kHeaderSize || faults_.silent()) return;
+    // One radio link: a command sent while the answer to another is still
+    // on its way means that two hosts talk through the receiver at once.
+    const auto now = std::chrono::steady_clock::now();
+    if (now < busy_until_) ++overlaps_;
+    const int delay = carryOut(report, out);
+    if (delay > 0) busy_until_ = now + std::chrono::milliseconds(delay);
+}
+
+int Receiver::carryOut(const Report& report, Outbox& out) {
     const Byte index = report[1];
     if (index == kReceiverIndex) {
         faults_.respond(
             report, [&] { return registerCommand(report, out); }, out);
-        for (const Report& r : after_answer_) out.send(r);
+        for (const Report& r : after_answer_) out.send(r, std::max(faults_.lastDelayMs(), 0));
         after_answer_.clear();
-        return;
+        return faults_.lastDelayMs();
     }
     // Errors and notifications coming back at us are no commands.
-    if (report[2] == kVxp10ErrorSubId || report[2] == kVxp20ErrorIndex) return;
+    if (report[2] == kVxp10ErrorSubId || report[2] == kVxp20ErrorIndex) return -1;
     // The receiver answers for a device it cannot reach, as itself.
     if (index == 0 || index > slots_.size() || !slots_[index - 1].device) {
         faults_.respond(
             report, [&] { return errorReport(report, 1, vxp10::kNoDevice); }, out);
-    } else if (!slots_[index - 1].link_up) {
+        return faults_.lastDelayMs();
+    }
+    if (!slots_[index - 1].link_up) {
         faults_.respond(
             report, [&] { return errorReport(report, 1, vxp10::kLinkDown); }, out);
-    } else {
-        slots_[index - 1].device->command(report, out);
+        return faults_.lastDelayMs();
     }
+    SimDevice& device = *slots_[index - 1].device;
+    device.command(report, out);
+    return device.faults().lastDelayMs();
 }
 
 void Receiver::sendArrival(int slot, Outbox& out) const {
@@ -121,6 +134,7 @@ std::string Receiver::describe() const {
                (slots_[i].link_up ? " link up\n" : " link down\n");
     }
     for (const auto& d : unpaired_) out += "  " + d->id() + " unpaired\n";
+    out += "  commands overlapping an answer: " + std::to_string(overlaps_) + "\n";
     return out;
 }
 
