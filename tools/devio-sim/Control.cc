@@ -13,7 +13,7 @@ namespace devio_sim {
 
 const char* const kControlHelp =
     "plug ID | unplug ID | replug ID | hangup ID\n"
-    "connect ID | disconnect ID | pair RECEIVER ID [NUMBER] | unpair ID\n"
+    "connect ID | disconnect ID | pair RECEIVER ID [NUMBER (replaces)] | unpair ID\n"
     "overwrite-flags RECEIVER\n"
     "battery ID LEVEL [NEXT [STATUS]]\n"
     "wireless ID RECONNECT CONFIG_NEEDED POWER_SWITCH\n"

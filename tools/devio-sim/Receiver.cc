@@ -161,12 +161,16 @@ bool Receiver::pair(const std::string& device_id, int slot, Outbox& out, std::st
             if (!slots_[i].device) slot = static_cast<int>(i + 1);
         }
     }
-    if (slot < 1 || slot > static_cast<int>(slots_.size()) || slots_[slot - 1].device) {
+    if (slot < 1 || slot > static_cast<int>(slots_.size())) {
         why = "no free device number on " + desc_.id;
         return false;
     }
-    slots_[slot - 1].device = std::move(*it);
+    auto device = std::move(*it);
     unpaired_.erase(it);
+    // A device paired into a taken number pushes the one there out, which
+    // says nothing: only the newcomer's arrival tells the host.
+    if (slots_[slot - 1].device) unpaired_.push_back(std::move(slots_[slot - 1].device));
+    slots_[slot - 1].device = std::move(device);
     sendLinkUp(slot, out);
     // A pairing ends the pairing window.
     if (lock_open_) {

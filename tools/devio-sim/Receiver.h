@@ -26,6 +26,7 @@ public:
     void onHostReport(const Report& report, Outbox& out) override;
 
     // Run-time events; each sends the notifications a real receiver would.
+    // `pair` into a device number that is taken replaces the device there.
     // `why` says what was wrong when one returns false.
     bool pair(const std::string& device_id, int slot, Outbox& out, std::string& why);
     bool unpair(const std::string& device_id, Outbox& out, std::string& why);

@@ -1,0 +1,189 @@
+// Receivers as a host sees them, over the real stack and a simulated
+// receiver under a pumping host: arrival and removal order, pairing at run
+// time, a slot taken over, a receiver that starts slowly, and the traffic of
+// one paired device while another one notifies.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Base/ErrorRecord.h"
+#include "Features/IFeature.h"
+#include "Features/IFeature0005DeviceNameType.h"
+#include "Manager/CDevio.h"
+#include "ReceiverRig.h"
+#include "RunLoopHost.h"
+#include "SimHost.h"
+#include "TestSupport.h"
+
+namespace rcvtest {
+namespace {
+
+using devio::cdevio;
+using devio::IDevice;
+using devio::test::eventually;
+using simtest::SimMachine;
+using namespace std::chrono_literals;
+
+class Story : public ::testing::Test {
+protected:
+    void start(bool plugged) {
+        sim = std::make_unique<SimMachine>(desk(plugged));
+        simtest::use_machine(*sim);
+        ASSERT_TRUE(host.start());
+        ASSERT_TRUE(cdevio.config_set(kReceiversActive, true));
+        ASSERT_TRUE(ledger.subscribe(cdevio.manager(), devio::DeliveryDirect));
+    }
+    void TearDown() override { host.stop(); }
+
+    std::unique_ptr<SimMachine> sim;
+    devio::RunLoopHost host;
+    Ledger ledger;
+};
+
+// Plugged at run time, the receiver is announced first, then its devices in
+// slot order (a device whose link is down too); unplugged, its devices go
+// before it.
+TEST_F(Story, ReceiverArrivesBeforeItsDevicesAndLeavesAfterThem) {
+    start(false);
+    ASSERT_TRUE(cdevio.devices().empty());
+    ASSERT_EQ(sim->command("plug dongle"), "ok");
+    ASSERT_TRUE(eventually([&] { return ledger.size() == 4; }, 10000ms));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kDongle, kKbd, kMouse, kBall}));
+
+    const auto devices = cdevio.devices();
+    EXPECT_EQ(pids(devices), (std::vector<int>{kKbd, kMouse, kBall, kDongle}));
+    const auto receiver = with_pid(devices, kDongle);
+    ASSERT_TRUE(receiver);
+    struct Expect {
+        int pid;
+        int slot;
+        bool connected;
+        const char* name;
+    };
+    for (const Expect& e : {Expect{kKbd, 1, true, "Sim Keyboard"},
+                            Expect{kMouse, 2, true, "Sim Mouse"},
+                            Expect{kBall, 3, false, "Sim Trackball"}}) {
+        SCOPED_TRACE(e.name);
+        const auto d = with_pid(devices, e.pid);
+        ASSERT_TRUE(d);
+        EXPECT_EQ(d->bustype(), 1);
+        EXPECT_EQ(d->busport(), e.slot);
+        EXPECT_EQ(d->path(), receiver->path() + ":" + std::to_string(e.slot - 1));
+        EXPECT_EQ(d->connected(), e.connected);
+        // The name the receiver keeps for the slot.
+        EXPECT_EQ(d->name(), e.name);
+    }
+    // A command to the device whose link is down fails at once.
+    std::vector<devio::Byte> answer;
+    EXPECT_FALSE(with_pid(devices, kBall)
+                     ->sendSynchronousCommand({0x10, 0xFF, 0x00, 0x1A, 0, 0, 0x33}, answer, 0, {}));
+    EXPECT_EQ(devio::error_record().err, devio::NotConnected);
+
+    ASSERT_EQ(sim->command("unplug dongle"), "ok");
+    ASSERT_TRUE(eventually([&] { return ledger.size() == 8; }, 10000ms));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kDongle, kKbd, kMouse, kBall, -kKbd, -kMouse,
+                                                 -kBall, -kDongle}));
+    EXPECT_TRUE(cdevio.devices().empty());
+    for (const auto& d : devices) EXPECT_TRUE(d->removed());
+}
+
+// Pairing and unpairing at run time arrive and leave through the pump; a
+// device paired into a taken slot pushes the old one out first.
+TEST_F(Story, PairingUnpairingAndATakenSlot) {
+    start(true);
+    EXPECT_EQ(pids(cdevio.devices()), (std::vector<int>{kKbd, kMouse, kBall, kDongle}));
+    struct Step {
+        const char* command;
+        std::vector<int> events;
+    };
+    const Step steps[] = {
+        {"pair dongle spare", {kSpare}},
+        {"unpair spare", {-kSpare}},
+        {"pair dongle other 1", {-kKbd, kOther}},
+        // A device that drops and regains its link stays the same device.
+        {"disconnect other", {}},
+        {"connect other", {}},
+    };
+    std::vector<int> expected;
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.command);
+        ASSERT_EQ(sim->command(s.command), "ok");
+        expected.insert(expected.end(), s.events.begin(), s.events.end());
+        ASSERT_TRUE(eventually([&] { return ledger.size() >= expected.size(); }));
+        ASSERT_TRUE(host.wait_idle(5000ms));
+        EXPECT_EQ(ledger.events(), expected);
+    }
+    const auto other = ledger.present(kOther);
+    ASSERT_TRUE(other);
+    EXPECT_TRUE(eventually([&] { return other->connected(); }));
+    EXPECT_EQ(other->busport(), 1);
+    EXPECT_EQ(pids(cdevio.devices()), (std::vector<int>{kMouse, kBall, kOther, kDongle}));
+}
+
+// One paired device's commands cross the receiver with its own device
+// number while another paired device sends notifications: every answer is
+// the keyboard's own, and every notification reaches the mouse and only it.
+TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
+    start(true);
+    const auto devices = cdevio.devices();
+    const auto kbd = with_pid(devices, kKbd), mouse = with_pid(devices, kMouse);
+    ASSERT_TRUE(kbd && mouse);
+    ASSERT_FALSE(mouse->features().empty()) << devio::error_record().err;
+    struct Counter : devio::Subscriber<IDevice::Report> {
+        std::atomic<int> notifications{0};
+        void onReport(const std::vector<devio::Byte>&, unsigned, unsigned,
+                      IDevice::ReportType type) override {
+            if (type == IDevice::ReportNotification) ++notifications;
+        }
+    } kbd_reports, mouse_reports;
+    ASSERT_TRUE(kbd_reports.subscribe(kbd, devio::DeliveryDirect));
+    ASSERT_TRUE(mouse_reports.subscribe(mouse, devio::DeliveryDirect));
+    auto names = std::dynamic_pointer_cast<devio::IFeature0005DeviceNameType>(
+        kbd->feature_by_id(0x0005));
+    ASSERT_TRUE(names) << devio::error_record().err;
+
+    constexpr int kBatteryEvents = 60;
+    std::thread notifier([&] {
+        for (int i = 0; i < kBatteryEvents; ++i)
+            sim->command("battery mouse " + std::to_string(10 + i));
+    });
+    int wrong = 0, failed = 0;
+    for (int i = 0; i < 60; ++i) {
+        std::string name;
+        if (!names->GetDeviceName(&name)) {
+            ++failed;
+        } else if (name != "Sim Keyboard") {
+            ++wrong;
+        }
+    }
+    notifier.join();
+    EXPECT_EQ(failed, 0) << devio::error_record().err;
+    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(eventually([&] { return mouse_reports.notifications == kBatteryEvents; }))
+        << mouse_reports.notifications;
+    EXPECT_EQ(kbd_reports.notifications, 0);
+    kbd_reports.unsubscribe(kbd);
+    mouse_reports.unsubscribe(mouse);
+}
+
+// A receiver that answers nothing for a while after it is plugged in is
+// announced at once, and its devices follow when the retry timer adds its
+// bus 2 s after its enumeration gave up (which takes the engine's full
+// round of time-outs, 33 s).
+TEST_F(Story, SlowReceiverIsAddedByTheRetryTimer) {
+    start(false);
+    ASSERT_EQ(sim->command("fault dongle silent 20000"), "ok\nsilent 20000");
+    const auto plugged = devio::test::Clock::now();
+    ASSERT_EQ(sim->command("plug dongle"), "ok");
+    ASSERT_TRUE(eventually([&] { return ledger.size() >= 1; }, 10000ms));
+    EXPECT_EQ(ledger.events(), std::vector<int>{kDongle});
+    ASSERT_TRUE(eventually([&] { return ledger.size() == 4; }, 90000ms));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kDongle, kKbd, kMouse, kBall}));
+    // Not before the receiver spoke again.
+    EXPECT_GE(devio::test::ms_since(plugged), 20000);
+}
+
+}  // namespace
+}  // namespace rcvtest
