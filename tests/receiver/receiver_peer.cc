@@ -1,7 +1,7 @@
 // Another process configuring a device behind the same simulated receiver:
 // it starts the library on the machine named by the environment, configures
 // the device with product id QID (the receiver's software present bit, the
-// device's cookie), reads its cookie and name ROUNDS times, and hands it
+// device's cookie), reads its cookie and battery level ROUNDS times, and hands it
 // back. Exits 0 when every step succeeded.
 //
 // Usage: receiver_peer QID ROUNDS
@@ -13,7 +13,7 @@
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Features/IFeature.h"
-#include "Features/IFeature0005DeviceNameType.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Features/IFeature0020ConfigChange.h"
 #include "Manager/CDevio.h"
 
@@ -35,9 +35,9 @@ int main(int argc, char** argv) {
     }
     auto change = device->feature_by_id(0x0020);
     auto cookie = std::dynamic_pointer_cast<devio::IFeature0020ConfigChange>(change);
-    auto names =
-        std::dynamic_pointer_cast<devio::IFeature0005DeviceNameType>(device->feature_by_id(0x0005));
-    if (!cookie || !names) {
+    auto battery = std::dynamic_pointer_cast<devio::IFeature1000BatteryUnifiedLevelStatus>(
+        device->feature_by_id(0x1000));
+    if (!cookie || !battery) {
         std::fprintf(stderr, "features missing, err=%d\n",
                      static_cast<int>(devio::error_record().err));
         return 2;
@@ -45,9 +45,9 @@ int main(int argc, char** argv) {
     int failed = device->set_configured(change) ? 0 : 1;
     for (int i = 0; i < rounds; ++i) {
         std::uint16_t value = 0;
-        std::string name;
+        std::uint16_t level = 0, next = 0, status = 0;
         failed += cookie->GetCookie(&value) ? 0 : 1;
-        failed += names->GetDeviceName(&name) && !name.empty() ? 0 : 1;
+        failed += battery->GetBatteryLevelStatus(&level, &next, &status) ? 0 : 1;
     }
     failed += device->shutdown() ? 0 : 1;
     if (failed != 0) {

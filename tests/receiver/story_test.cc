@@ -10,7 +10,7 @@
 
 #include "Base/ErrorRecord.h"
 #include "Features/IFeature.h"
-#include "Features/IFeature0005DeviceNameType.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Manager/CDevio.h"
 #include "ReceiverRig.h"
 #include "RunLoopHost.h"
@@ -124,7 +124,8 @@ TEST_F(Story, PairingUnpairingAndATakenSlot) {
 
 // One paired device's commands cross the receiver with its own device
 // number while another paired device sends notifications: every answer is
-// the keyboard's own, and every notification reaches the mouse and only it.
+// the keyboard's own (its battery stays at 90 while the mouse's moves), and
+// every notification reaches the mouse and only it.
 TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
     start(true);
     const auto devices = cdevio.devices();
@@ -140,9 +141,11 @@ TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
     } kbd_reports, mouse_reports;
     ASSERT_TRUE(kbd_reports.subscribe(kbd, devio::DeliveryDirect));
     ASSERT_TRUE(mouse_reports.subscribe(mouse, devio::DeliveryDirect));
-    auto names = std::dynamic_pointer_cast<devio::IFeature0005DeviceNameType>(
-        kbd->feature_by_id(0x0005));
-    ASSERT_TRUE(names) << devio::error_record().err;
+    // The battery level is never answered from a cache: each read crosses
+    // the receiver.
+    auto battery = std::dynamic_pointer_cast<devio::IFeature1000BatteryUnifiedLevelStatus>(
+        kbd->feature_by_id(0x1000));
+    ASSERT_TRUE(battery) << devio::error_record().err;
 
     constexpr int kBatteryEvents = 60;
     std::thread notifier([&] {
@@ -151,10 +154,10 @@ TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
     });
     int wrong = 0, failed = 0;
     for (int i = 0; i < 60; ++i) {
-        std::string name;
-        if (!names->GetDeviceName(&name)) {
+        std::uint16_t level = 0, next = 0, status = 0;
+        if (!battery->GetBatteryLevelStatus(&level, &next, &status)) {
             ++failed;
-        } else if (name != "Sim Keyboard") {
+        } else if (level != 90) {
             ++wrong;
         }
     }
@@ -164,6 +167,13 @@ TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
     EXPECT_TRUE(eventually([&] { return mouse_reports.notifications == kBatteryEvents; }))
         << mouse_reports.notifications;
     EXPECT_EQ(kbd_reports.notifications, 0);
+    // And the mouse answers with the level it last announced.
+    auto mouse_battery = std::dynamic_pointer_cast<devio::IFeature1000BatteryUnifiedLevelStatus>(
+        mouse->feature_by_id(0x1000));
+    ASSERT_TRUE(mouse_battery);
+    std::uint16_t level = 0, next = 0, status = 0;
+    ASSERT_TRUE(mouse_battery->GetBatteryLevelStatus(&level, &next, &status));
+    EXPECT_EQ(level, 10 + kBatteryEvents - 1);
     kbd_reports.unsubscribe(kbd);
     mouse_reports.unsubscribe(mouse);
 }

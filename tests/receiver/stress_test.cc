@@ -13,7 +13,7 @@
 
 #include "Base/ErrorRecord.h"
 #include "Features/IFeature.h"
-#include "Features/IFeature0005DeviceNameType.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Manager/CDevio.h"
 #include "ReceiverRig.h"
 #include "RunLoopHost.h"
@@ -43,20 +43,20 @@ TEST(Stress, HundredPairingCyclesLeaveNothingBehind) {
 
     ASSERT_EQ(sim.command("plug dongle"), "ok");
     ASSERT_TRUE(eventually([&] { return ledger.present(kKbd) != nullptr; }, 10000ms));
-    auto names = std::dynamic_pointer_cast<devio::IFeature0005DeviceNameType>(
-        ledger.present(kKbd)->feature_by_id(0x0005));
-    ASSERT_TRUE(names);
+    auto battery = std::dynamic_pointer_cast<devio::IFeature1000BatteryUnifiedLevelStatus>(
+        ledger.present(kKbd)->feature_by_id(0x1000));
+    ASSERT_TRUE(battery);
 
     std::atomic<bool> stop{false};
     std::atomic<int> talked{0}, wrong{0};
     std::thread talker([&] {
         while (!stop) {
-            std::string name;
+            std::uint16_t level = 0, next = 0, status = 0;
             // Failures are allowed while the receiver is busy; a wrong
             // answer never is.
-            if (names->GetDeviceName(&name)) {
+            if (battery->GetBatteryLevelStatus(&level, &next, &status)) {
                 ++talked;
-                if (name != "Sim Keyboard") ++wrong;
+                if (level != 90) ++wrong;
             }
         }
     });
@@ -98,7 +98,7 @@ TEST(Stress, HundredPairingCyclesLeaveNothingBehind) {
     ASSERT_TRUE(host.wait_idle(10000ms));
     stop = true;
     talker.join();
-    names.reset();
+    battery.reset();
     EXPECT_GT(talked, 0);
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(pids(cdevio.devices()), (std::vector<int>{kKbd, kMouse, kBall, kDongle}));
