@@ -60,7 +60,8 @@ int main() {
     for (const auto& d : stack->devices()) {
         if (d->pid() == 0xA101) hw = d;
     }
-    if (!hw || sim.command("fault dongle delay " + std::to_string(kLinkMs) + " on").rfind("ok", 0)) {
+    if (!hw ||
+        sim.command("fault dongle delay " + std::to_string(kLinkMs) + " on").rfind("ok", 0)) {
         std::fprintf(stderr, "no receiver\n");
         return 1;
     }
@@ -101,17 +102,20 @@ int main() {
         bus->uninitDevice();
     }
     const double rtt = median(rtt_ms);
-    std::printf("receiver with 6 paired devices, every answer %d ms late; register round trip "
-                "%.2f ms (median of %zu)\n",
-                kLinkMs, rtt, rtt_ms.size());
-    std::printf("first enumeration:  %d reports (minimum %d), %.1f ms (minimum %d x %.2f = %.1f "
-                "ms, ratio %.2f)\n",
-                first_reports, kFirstMinimum, median(first_ms), kFirstMinimum, rtt,
-                kFirstMinimum * rtt, median(first_ms) / (kFirstMinimum * rtt));
-    std::printf("repeat enumeration: %d reports (minimum %d), %.1f ms (minimum %d x %.2f = %.1f "
-                "ms, ratio %.2f)\n",
-                repeat_reports, kRepeatMinimum, median(repeat_ms), kRepeatMinimum, rtt,
-                kRepeatMinimum * rtt, median(repeat_ms) / (kRepeatMinimum * rtt));
+    std::printf(
+        "receiver with 6 paired devices, every answer %d ms late; register round trip "
+        "%.2f ms (median of %zu)\n",
+        kLinkMs, rtt, rtt_ms.size());
+    std::printf(
+        "first enumeration:  %d reports (minimum %d), %.1f ms (minimum %d x %.2f = %.1f "
+        "ms, ratio %.2f)\n",
+        first_reports, kFirstMinimum, median(first_ms), kFirstMinimum, rtt, kFirstMinimum * rtt,
+        median(first_ms) / (kFirstMinimum * rtt));
+    std::printf(
+        "repeat enumeration: %d reports (minimum %d), %.1f ms (minimum %d x %.2f = %.1f "
+        "ms, ratio %.2f)\n",
+        repeat_reports, kRepeatMinimum, median(repeat_ms), kRepeatMinimum, rtt,
+        kRepeatMinimum * rtt, median(repeat_ms) / (kRepeatMinimum * rtt));
     sent.unsubscribe(hw);
     return first_reports <= kFirstMinimum && repeat_reports <= kRepeatMinimum ? 0 : 1;
 }

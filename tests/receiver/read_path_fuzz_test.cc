@@ -82,19 +82,20 @@ Bytes random_report(std::mt19937& g, const Bytes& receiver_cmd, const Bytes& dev
 
 TEST(ReadPathFuzz, RandomReportsChangeSlotsOnlyAsTheySayAndCompleteNoWrongWaiter) {
     simtest::SimMachine sim(desk(true));
-    auto stack = std::make_shared<devio::CombinerBus>(sim.bus(), std::weak_ptr<devio::IDeviceManager>());
+    auto stack =
+        std::make_shared<devio::CombinerBus>(sim.bus(), std::weak_ptr<devio::IDeviceManager>());
     std::shared_ptr<devio::IHardwareDevice> hw;
     for (const auto& d : stack->devices()) {
         if (d->pid() == kDongle) hw = d;
     }
     ASSERT_TRUE(hw);
-    const devio::ExchangeTiming quick{.response_timeout_ms = 50, .retries = 1, .ping_delay_ms = 1,
-                                      .ping_jitter_ms = 0};
+    const devio::ExchangeTiming quick{
+        .response_timeout_ms = 50, .retries = 1, .ping_delay_ms = 1, .ping_jitter_ms = 0};
     auto bus = std::make_shared<devio::BraidBus>(hw, nullptr, 6, 4, quick);
     bus->initDevice(nullptr);
     Slots slots;
-    ASSERT_TRUE(slots.subscribe(std::static_pointer_cast<devio::IHardwareBus>(bus),
-                                devio::DeliveryDirect));
+    ASSERT_TRUE(
+        slots.subscribe(std::static_pointer_cast<devio::IHardwareBus>(bus), devio::DeliveryDirect));
     const auto paired = bus->devices();
     ASSERT_EQ(paired.size(), 3u);
     auto kbd = std::make_shared<devio::Device>(paired[0], quick);
@@ -132,7 +133,8 @@ TEST(ReadPathFuzz, RandomReportsChangeSlotsOnlyAsTheySayAndCompleteNoWrongWaiter
             if (r[2] == 0x41 && r[3] == 4) {
                 const unsigned qid = r[5] + r[6] * 256u;
                 const auto at = model.find(index);
-                if (at != model.end() && at->second != qid) expect.push_back("-" + std::to_string(index));
+                if (at != model.end() && at->second != qid)
+                    expect.push_back("-" + std::to_string(index));
                 if (at == model.end() || at->second != qid)
                     expect.push_back("+" + std::to_string(index) + ":" + std::to_string(qid));
                 model[index] = qid;

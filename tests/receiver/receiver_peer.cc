@@ -13,8 +13,8 @@
 #include "Base/ErrorRecord.h"
 #include "Device/IDevice.h"
 #include "Features/IFeature.h"
-#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Features/IFeature0020ConfigChange.h"
+#include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Manager/CDevio.h"
 
 int main(int argc, char** argv) {

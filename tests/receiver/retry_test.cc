@@ -81,8 +81,7 @@ TEST(Retry, DelaysOfAReceiverThatKeepsFailing) {
     ASSERT_TRUE(manager->timer);
     EXPECT_EQ(manager->timer->armings(), std::vector<int>{2000});
 
-    const std::vector<int> cycle{2000,  8000,   16000,  32000,  64000,
-                                 128000, 256000, 512000, 1024000};
+    const std::vector<int> cycle{2000, 8000, 16000, 32000, 64000, 128000, 256000, 512000, 1024000};
     for (int retry = 1; retry <= 9; ++retry) {
         SCOPED_TRACE(retry);
         if (retry == 3) {
@@ -97,8 +96,8 @@ TEST(Retry, DelaysOfAReceiverThatKeepsFailing) {
     }
     EXPECT_EQ(errors.where, (std::vector<std::string>{
                                 "BraidBus", "DeviceManager::addBus retry failed all attempts"}));
-    EXPECT_EQ(errors.codes, (std::vector<devio::ErrorCode>{devio::EnumerationFailed,
-                                                           devio::EnumerationFailed}));
+    EXPECT_EQ(errors.codes,
+              (std::vector<devio::ErrorCode>{devio::EnumerationFailed, devio::EnumerationFailed}));
     // The recovered receiver's device came in; the other's never did.
     EXPECT_EQ(pids(manager->devices()), (std::vector<int>{0x4C02, 0xA101, 0xA105}));
     // An expiry after giving up finds nothing to do.

@@ -62,9 +62,9 @@ TEST_F(Story, ReceiverArrivesBeforeItsDevicesAndLeavesAfterThem) {
         bool connected;
         const char* name;
     };
-    for (const Expect& e : {Expect{kKbd, 1, true, "Sim Keyboard"},
-                            Expect{kMouse, 2, true, "Sim Mouse"},
-                            Expect{kBall, 3, false, "Sim Trackball"}}) {
+    for (const Expect& e :
+         {Expect{kKbd, 1, true, "Sim Keyboard"}, Expect{kMouse, 2, true, "Sim Mouse"},
+          Expect{kBall, 3, false, "Sim Trackball"}}) {
         SCOPED_TRACE(e.name);
         const auto d = with_pid(devices, e.pid);
         ASSERT_TRUE(d);
@@ -83,8 +83,8 @@ TEST_F(Story, ReceiverArrivesBeforeItsDevicesAndLeavesAfterThem) {
 
     ASSERT_EQ(sim->command("unplug dongle"), "ok");
     ASSERT_TRUE(eventually([&] { return ledger.size() == 8; }, 10000ms));
-    EXPECT_EQ(ledger.events(), (std::vector<int>{kDongle, kKbd, kMouse, kBall, -kKbd, -kMouse,
-                                                 -kBall, -kDongle}));
+    EXPECT_EQ(ledger.events(),
+              (std::vector<int>{kDongle, kKbd, kMouse, kBall, -kKbd, -kMouse, -kBall, -kDongle}));
     EXPECT_TRUE(cdevio.devices().empty());
     for (const auto& d : devices) EXPECT_TRUE(d->removed());
 }

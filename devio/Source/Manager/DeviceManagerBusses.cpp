@@ -263,7 +263,8 @@ void DeviceManager::onPlug(const std::shared_ptr<IHardwareDevice>& hw) {
             event_names::DeviceManagerArrivalRemoval.onDeviceArrival);
         // The receiver is announced before the devices paired to it.
         if (auto receiver = std::dynamic_pointer_cast<BraidBus>(device)) {
-            DM_LOG(2, "onPlug", "DeviceManager::onPlug devices is a receiver, so adding receiver bus");
+            DM_LOG(2, "onPlug",
+                   "DeviceManager::onPlug devices is a receiver, so adding receiver bus");
             add_receiver_bus(receiver);
         }
     }

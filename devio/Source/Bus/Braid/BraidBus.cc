@@ -52,8 +52,8 @@ BraidBus::BraidBus(std::shared_ptr<IHardwareDevice> hw,
 BraidBus::~BraidBus() {
     // A restoring event queued for us, or running on the pumping thread,
     // must be gone before our members are.
-    runloop_queue().remove_runloop_events(
-        static_cast<IReceiver::RegisterZeroOverwritten*>(this), nullptr);
+    runloop_queue().remove_runloop_events(static_cast<IReceiver::RegisterZeroOverwritten*>(this),
+                                          nullptr);
     BRAID_LOG(3, "~BraidBus", "BraidBus::~BraidBus(this = %p). Number of instances now: %d",
               static_cast<void*>(this), InstanceCount<BraidBus>::removed());
 }
@@ -87,8 +87,8 @@ bool BraidBus::register_command(const std::vector<Byte>& command, std::vector<By
     return true;
 }
 
-bool BraidBus::short_register_bit_operation(Byte reg, Byte set0, Byte set1, Byte set2,
-                                            Byte clear0, Byte clear1, Byte clear2) {
+bool BraidBus::short_register_bit_operation(Byte reg, Byte set0, Byte set1, Byte set2, Byte clear0,
+                                            Byte clear1, Byte clear2) {
     BRAID_LOG(2, "short_register_bit_operation",
               "BraidBus::short_register_bit_operation(%02x: set %02x %02x %02x clear %02x %02x "
               "%02x ) enter",
@@ -166,17 +166,17 @@ bool BraidBus::rewrite_register_3(unsigned /*index*/) {
     std::vector<Byte> command{kReportId, kReceiverIndex, kReadShort, kRegister3, 0, 0, 0};
     std::vector<Byte> response;
     if (!register_command(command, response)) return false;
-    command = {kReportId, kReceiverIndex, kWriteShort, kRegister3,
-               response[4], response[5], response[6]};
+    command = {kReportId,   kReceiverIndex, kWriteShort, kRegister3,
+               response[4], response[5],    response[6]};
     return register_command(command, response);
 }
 
-bool BraidBus::connection_and_disconnection(const char* function, Byte action,
-                                            Byte deviceNumber) {
+bool BraidBus::connection_and_disconnection(const char* function, Byte action, Byte deviceNumber) {
     const std::string fn = std::string("devio::BraidBus::") + function;
     std::vector<Byte> response;
-    if (!register_command({kReportId, kReceiverIndex, kWriteShort, kPairing, action, deviceNumber, 0},
-                          response)) {
+    if (!register_command(
+            {kReportId, kReceiverIndex, kWriteShort, kPairing, action, deviceNumber, 0},
+            response)) {
         if (error_record().err == CommandResponseTooShort) {
             xLog("Devio", 2, fn.c_str(),
                  "BraidBus::VXP_DEVICE_CONNECTION_AND_DISCONNECTION exit (false, "
@@ -236,14 +236,14 @@ std::vector<std::shared_ptr<IHardwareDevice>> BraidBus::internal_devices() {
         return {};
     }
     if (!enable_receiver_notifications()) {
-        BRAID_LOG(0, "devices",
-                  "BraidBus::devices exit (failed to enable receiver notifications)");
+        BRAID_LOG(0, "devices", "BraidBus::devices exit (failed to enable receiver notifications)");
         return {};
     }
     for (int pass = kPasses; pass > 0; --pass) {
         unsigned count = 0;
         if (!VXP10Command::read_receiver_connection_state(this, &count, nullptr)) {
-            BRAID_LOG(2, "devices", "BraidBus::devices exit (failed to read receiver device count)");
+            BRAID_LOG(2, "devices",
+                      "BraidBus::devices exit (failed to read receiver device count)");
             return {};
         }
         receiverDeviceCount = count;

@@ -35,7 +35,8 @@ void BraidBus::onRead(std::vector<Byte> report, bool rewrite_index, unsigned sys
             const bool link_up = (report[4] & kLinkDownBit) == 0;
             // The qid is the one field that travels low byte first.
             const unsigned qid = report[5] + report[6] * 256u;
-            BRAID_LOG(2, "onRead", "BraidBus::onRead() connect(index = %d, qid=0x%04x, connected=%d)",
+            BRAID_LOG(2, "onRead",
+                      "BraidBus::onRead() connect(index = %d, qid=0x%04x, connected=%d)",
                       static_cast<int>(index), qid, link_up);
             if (auto me = self()) perform_arrival(me, index, qid, link_up, enumerating);
         }
@@ -150,7 +151,8 @@ void BraidBus::perform_connect(unsigned index) {
     if (auto device = device_at(index)) {
         device->processConnect();
     } else {
-        BRAID_LOG(3, "perform_connect", "BraidBus::perform_connect(index = %d) : no device at this index!",
+        BRAID_LOG(3, "perform_connect",
+                  "BraidBus::perform_connect(index = %d) : no device at this index!",
                   static_cast<int>(index));
     }
 }
@@ -211,7 +213,8 @@ void BraidBus::onActiveChanged(bool now_active) {
     for (std::size_t i = 0; same && i < old_devices.size(); ++i)
         same = old_devices[i]->qid() == new_devices[i]->qid();
     if (same) {
-        BRAID_LOG(2, "onActiveChanged", "  -- No devices have changed before session became active.");
+        BRAID_LOG(2, "onActiveChanged",
+                  "  -- No devices have changed before session became active.");
         // The objects that the layers above hold stay the ones in use.
         std::lock_guard<std::mutex> lock(devicesLock);
         slots = kept;

@@ -128,8 +128,8 @@ void BraidDevice::processConnect() {
                          "   -- not producing IHardwareDevice::Connect::onConnect(), no from_this");
         return;
     }
-    BRAID_DEVICE_LOG(2, "processConnect", "-connect- qid %04x producing IHardwareDevice::onConnect()",
-                     qid_);
+    BRAID_DEVICE_LOG(2, "processConnect",
+                     "-connect- qid %04x producing IHardwareDevice::onConnect()", qid_);
     Producer<IHardwareDevice::Connect>::produce(
         [self](IHardwareDevice::Connect* s) { s->onConnect(self); },
         event_names::BraidDeviceConnect.onConnect);
@@ -152,8 +152,7 @@ void BraidDevice::processDisconnect() {
         event_names::BraidDeviceConnect.onDisconnect);
 }
 
-void BraidDevice::deliver_read(const std::vector<Byte>& report, unsigned sys_error,
-                               unsigned size) {
+void BraidDevice::deliver_read(const std::vector<Byte>& report, unsigned sys_error, unsigned size) {
     // The layers above take the report as coming from "the device itself".
     Producer<IHardwareDevice::Read>::produce(
         [report, sys_error, size](IHardwareDevice::Read* s) {

@@ -31,8 +31,7 @@ class BraidDevice : public IHardwareDevice,
                     public Producer<IHardwareDevice::Connect>,
                     public std::enable_shared_from_this<BraidDevice> {
 public:
-    BraidDevice(const std::shared_ptr<BraidBus>& bus, unsigned index, unsigned qid,
-                bool connected);
+    BraidDevice(const std::shared_ptr<BraidBus>& bus, unsigned index, unsigned qid, bool connected);
     ~BraidDevice() override;
 
     // IHardwareDevice

@@ -46,8 +46,9 @@ bool VXP10Command::set_receiver_connection_state(Device* device, bool fakeArriva
     if (device == nullptr) {
         return null_device(fn, "null device pointer passed to set_receiver_connection_state!");
     }
-    const std::vector<Byte> command{0x10, 0xFF, 0x80, kConnectionState,
-                                    static_cast<Byte>(fakeArrival ? kFakeArrival : 0), 0, 0};
+    const std::vector<Byte> command{
+        0x10, 0xFF, 0x80, kConnectionState, static_cast<Byte>(fakeArrival ? kFakeArrival : 0),
+        0,    0};
     std::vector<Byte> response;
     // The answer carries nothing we use.
     const bool ok = device->sendSynchronousCommand(command, response, 0, {});
@@ -82,8 +83,8 @@ bool VXP10Command::read_receiver_paired_device_name(Device* device, unsigned ind
     if (device == nullptr) {
         return null_device(fn, "null device pointer passed to read_receiver_paired_device_name!");
     }
-    const std::vector<Byte> command{0x10, 0xFF, 0x83, kPairedName,
-                                    static_cast<Byte>(kNameBase + index), 0, 0};
+    const std::vector<Byte> command{
+        0x10, 0xFF, 0x83, kPairedName, static_cast<Byte>(kNameBase + index), 0, 0};
     std::vector<Byte> response;
     // The answer must name the slot asked for.
     bool ok = device->sendSynchronousCommand(command, response, 0, {0});

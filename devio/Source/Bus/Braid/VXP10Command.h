@@ -18,8 +18,7 @@ public:
     // The number of paired devices; `other` is the byte after it, unused.
     static bool read_receiver_connection_state(Device* device, unsigned* count, unsigned* other);
     // The name that the receiver keeps for the device in slot `index`.
-    static bool read_receiver_paired_device_name(Device* device, unsigned index,
-                                                 std::string* name);
+    static bool read_receiver_paired_device_name(Device* device, unsigned index, std::string* name);
 };
 
 }  // namespace devio
