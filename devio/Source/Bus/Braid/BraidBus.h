@@ -119,6 +119,7 @@ private:
     void perform_removal(const std::shared_ptr<BraidBus>& self, unsigned index);
     void perform_connect(unsigned index);
     void perform_disconnect(unsigned index);
+    void perform_link(unsigned index, bool up);
     void produce_plug(const std::shared_ptr<IHardwareDevice>& device);
     void produce_unplug(const std::shared_ptr<IHardwareDevice>& device);
 

@@ -146,26 +146,25 @@ void BraidBus::perform_removal(const std::shared_ptr<BraidBus>& me, unsigned ind
 }
 
 void BraidBus::perform_connect(unsigned index) {
-    BRAID_LOG(2, "perform_connect", "BraidBus::perform_connect(index = %d)",
-              static_cast<int>(index));
-    if (auto device = device_at(index)) {
-        device->processConnect();
-    } else {
-        BRAID_LOG(3, "perform_connect",
-                  "BraidBus::perform_connect(index = %d) : no device at this index!",
-                  static_cast<int>(index));
-    }
+    perform_link(index, true);
 }
 
 void BraidBus::perform_disconnect(unsigned index) {
-    BRAID_LOG(2, "perform_disconnect", "BraidBus::perform_disconnect(index = %d)",
-              static_cast<int>(index));
-    if (auto device = device_at(index)) {
-        device->processDisconnect();
+    perform_link(index, false);
+}
+
+void BraidBus::perform_link(unsigned index, bool up) {
+    const char* name = up ? "perform_connect" : "perform_disconnect";
+    const std::string function = std::string("devio::BraidBus::") + name;
+    xLog("Devio", 2, function.c_str(), "BraidBus::%s(index = %d)", name, static_cast<int>(index));
+    auto device = device_at(index);
+    if (!device) {
+        xLog("Devio", 3, function.c_str(), "BraidBus::%s(index = %d) : no device at this index!",
+             name, static_cast<int>(index));
+    } else if (up) {
+        device->processConnect();
     } else {
-        BRAID_LOG(3, "perform_disconnect",
-                  "BraidBus::perform_disconnect(index = %d) : no device at this index!",
-                  static_cast<int>(index));
+        device->processDisconnect();
     }
 }
 
