@@ -42,12 +42,14 @@ Receiver::Receiver(const ReceiverDescription& description)
 
 void Receiver::onHostReport(const Report& report, Outbox& out) {
     if (report.size() < kHeaderSize || faults_.silent()) return;
-    // One radio link: a command sent while the answer to another is still
-    // on its way means that two hosts talk through the receiver at once.
+    // One radio link: a command sent while a paired device's answer is
+    // still on its way means that two hosts talk through the receiver at
+    // once.
     const auto now = std::chrono::steady_clock::now();
     if (now < busy_until_) ++overlaps_;
     const int delay = carryOut(report, out);
-    if (delay > 0) busy_until_ = now + std::chrono::milliseconds(delay);
+    const bool to_device = report[1] != kReceiverIndex;
+    if (to_device && delay > 0) busy_until_ = now + std::chrono::milliseconds(delay);
 }
 
 int Receiver::carryOut(const Report& report, Outbox& out) {

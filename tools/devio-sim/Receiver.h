@@ -44,8 +44,8 @@ public:
     // One line per known device: its device number and link, or unpaired.
     std::string describe() const;
     Faults& faults() { return faults_; }
-    // Commands that arrived while the answer to another was still on its
-    // way (see `fault ID delay`).
+    // Commands that arrived while a paired device's answer to another was
+    // still on its way (see `fault ID delay`).
     int overlaps() const { return overlaps_; }
 
 private:
