@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
+#include <string>
 #include <thread>
 
 #include "Base/ErrorRecord.h"
+#include "Bus/IReceiver.h"
 #include "Features/IFeature.h"
 #include "Features/IFeature1000BatteryUnifiedLevelStatus.h"
 #include "Manager/CDevio.h"
@@ -176,6 +179,96 @@ TEST_F(Story, CommandsAndNotificationsOfTwoDevicesDoNotMix) {
     EXPECT_EQ(level, 10 + kBatteryEvents - 1);
     kbd_reports.unsubscribe(kbd);
     mouse_reports.unsubscribe(mouse);
+}
+
+// What only a receiver does: the pairing lock and its event, unpairing by
+// device number, the slot status bytes; the notifications bit put back
+// after another program cleared it; a session that turns inactive and
+// active again with nothing changed keeps its devices and tells nothing.
+TEST_F(Story, ReceiverOperationsAndRestoredNotifications) {
+    start(true);
+    const auto devices = cdevio.devices();
+    auto receiver = std::dynamic_pointer_cast<devio::IReceiver>(with_pid(devices, kDongle));
+    ASSERT_TRUE(receiver);
+    struct Locks : devio::Subscriber<devio::IReceiver::LockingChange> {
+        std::mutex mutex;
+        std::vector<int> states;
+        void onLockingChange(const std::shared_ptr<IDevice>&, devio::IReceiver::State state,
+                             devio::IReceiver::ErrorType) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            states.push_back(state);
+        }
+        std::size_t size() {
+            std::lock_guard<std::mutex> lock(mutex);
+            return states.size();
+        }
+    } locks;
+    ASSERT_TRUE(locks.subscribe(receiver, devio::DeliveryDirect));
+    EXPECT_FALSE(receiver->isTwoDeviceProduct());
+    ASSERT_TRUE(receiver->open_lock());
+    ASSERT_TRUE(receiver->close_lock());
+    ASSERT_TRUE(eventually([&] { return locks.size() == 2; }));
+    EXPECT_EQ(locks.states, (std::vector<int>{1, 0}));
+    locks.unsubscribe(receiver);
+
+    ASSERT_TRUE(receiver->readSlotStatus());
+    EXPECT_EQ(with_pid(devices, kKbd)->secondary_id(), 0x01);
+    EXPECT_EQ(receiver->devices_on_receiver().size(), 3u);
+
+    // Another program clears register 0; the pump puts the bit back, so
+    // that a pairing is still heard of.
+    struct Overwrites : devio::Subscriber<IDevice::Report> {
+        std::atomic<int> seen{0};
+        void onReport(const std::vector<devio::Byte>& r, unsigned, unsigned,
+                      IDevice::ReportType) override {
+            if (r.size() >= 7 && r[1] == 0xFF && r[2] == 0x80 && r[3] == 0x00) ++seen;
+        }
+    } overwrites;
+    const auto receiver_device = with_pid(devices, kDongle);
+    ASSERT_TRUE(overwrites.subscribe(receiver_device, devio::DeliveryDirect));
+    ASSERT_EQ(sim->command("overwrite-flags dongle"), "ok");
+    // The restoring is queued before the report goes on up.
+    ASSERT_TRUE(eventually([&] { return overwrites.seen > 0; }));
+    ASSERT_TRUE(host.wait_idle(5000ms));
+    overwrites.unsubscribe(receiver_device);
+    ASSERT_EQ(sim->command("pair dongle spare"), "ok");
+    ASSERT_TRUE(eventually([&] { return ledger.present(kSpare) != nullptr; }));
+
+    ASSERT_TRUE(receiver->unpair(2));
+    ASSERT_TRUE(eventually([&] { return ledger.size() == 2; }));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kSpare, -kMouse}));
+
+    cdevio.set_active(false);
+    cdevio.set_active(true);
+    ASSERT_TRUE(host.wait_idle(5000ms));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kSpare, -kMouse}));
+    const auto now = cdevio.devices();
+    EXPECT_EQ(with_pid(now, kKbd), with_pid(devices, kKbd)) << "a device object was replaced";
+    EXPECT_EQ(pids(now), (std::vector<int>{kKbd, kBall, kSpare, kDongle}));
+}
+
+// A receiver that counts more paired devices than it announces is asked
+// three times, each mismatch reported; the devices it did announce are
+// there all the same.
+TEST_F(Story, ReceiverCountingMoreThanItAnnouncesIsAskedThreeTimes) {
+    start(false);
+    struct Errors : devio::Subscriber<devio::IDeviceManager::UnreportedError> {
+        std::mutex mutex;
+        std::vector<std::string> where;
+        void onUnreportedError(const char* w, devio::ErrorCode err, const char*,
+                               unsigned long) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            where.push_back(std::string(w) + " " + std::to_string(err));
+        }
+    } errors;
+    ASSERT_TRUE(errors.subscribe(cdevio.manager(), devio::DeliveryDirect));
+    ASSERT_EQ(sim->command("fault dongle overcount 1"), "ok\novercount 1");
+    ASSERT_EQ(sim->command("plug dongle"), "ok");
+    ASSERT_TRUE(eventually([&] { return ledger.size() == 4; }, 10000ms));
+    EXPECT_EQ(ledger.events(), (std::vector<int>{kDongle, kKbd, kMouse, kBall}));
+    ASSERT_TRUE(host.wait_idle(5000ms));
+    EXPECT_EQ(errors.where, std::vector<std::string>(3, "BraidBus 65"));
+    errors.unsubscribe(cdevio.manager());
 }
 
 // A receiver that answers nothing for a while after it is plugged in is
