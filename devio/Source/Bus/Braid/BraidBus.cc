@@ -2,33 +2,18 @@
 
 #include "Bus/Braid/BraidBus.h"
 
-#include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Base/InstanceCount.h"
 #include "Base/RunLoopQueue.h"
 #include "Bus/Braid/BraidDevice.h"
+#include "Bus/Braid/BraidWire.h"
 #include "Bus/Braid/VXP10Command.h"
-
-#define BRAID_LOG(level, function, ...) \
-    DEVIO_LOG_TAG("Devio", "BraidBus", level, function, __VA_ARGS__)
 
 namespace devio {
 
 namespace {
-constexpr Byte kReportId = 0x10;
-constexpr Byte kReceiverIndex = 0xFF;
-constexpr Byte kWriteShort = 0x80;
-constexpr Byte kReadShort = 0x81;
-constexpr Byte kReadLong = 0x83;
-constexpr Byte kRegisterZero = 0x00;
-constexpr Byte kRegister3 = 0x03;
-constexpr Byte kPairing = 0xB2;
-constexpr Byte kSlotStatus = 0xB3;
-// Second byte of register 0.
-constexpr Byte kWirelessNotifications = 0x01;
-constexpr Byte kSoftwarePresent = 0x08;
+using namespace braid;
 constexpr Byte kOpenLock = 1, kCloseLock = 2, kUnpair = 3;
-constexpr std::size_t kShortAnswer = 7;
 // Bytes 4 to 9 of the slot status answer: one per slot.
 constexpr std::size_t kSlotStatusFirst = 4;
 constexpr std::size_t kSlotStatusEnd = 10;
@@ -80,7 +65,7 @@ bool BraidBus::isTwoDeviceProduct() {
 
 bool BraidBus::register_command(const std::vector<Byte>& command, std::vector<Byte>& response) {
     if (!sendSynchronousCommand(command, response, 0, {})) return false;
-    if (response.size() < kShortAnswer) {
+    if (response.size() < kShortReport) {
         set_error(CommandResponseTooShort);
         return false;
     }

@@ -1,28 +1,15 @@
 // BraidBus: what the receiver's reports mean for its slots, on the read
 // thread, and what a change of the session does to them.
 
-#include "Base/ClassLog.h"
 #include "Bus/Braid/BraidBus.h"
 #include "Bus/Braid/BraidDevice.h"
-
-#define BRAID_LOG(level, function, ...) \
-    DEVIO_LOG_TAG("Devio", "BraidBus", level, function, __VA_ARGS__)
+#include "Bus/Braid/BraidWire.h"
 
 namespace devio {
 
 namespace {
-constexpr std::size_t kShortReport = 7;
-constexpr Byte kReceiverIndex = 0xFF;
-constexpr Byte kArrival = 0x41;
-constexpr Byte kRemoval = 0x40;
-constexpr Byte kRemovalKind = 0x02;
-constexpr Byte kLockingChange = 0x4A;
-constexpr Byte kWriteShort = 0x80;
-constexpr Byte kRegisterZero = 0x00;
-constexpr Byte kVxp10Error = 0x8F;
-constexpr Byte kLinkDownBit = 0x40;
-constexpr Byte kWirelessNotifications = 0x01;
-constexpr Byte kSoftwarePresentAndNotifications = 0x09;
+using namespace braid;
+constexpr Byte kSoftwarePresentAndNotifications = kSoftwarePresent | kWirelessNotifications;
 }  // namespace
 
 void BraidBus::onRead(std::vector<Byte> report, bool rewrite_index, unsigned sys_error,

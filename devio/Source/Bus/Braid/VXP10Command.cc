@@ -5,17 +5,16 @@
 #include <vector>
 
 #include "Base/ErrorRecord.h"
+#include "Bus/Braid/BraidWire.h"
 #include "Device/Device.h"
 #include "xlog.h"
 
 namespace devio {
 
 namespace {
-constexpr Byte kConnectionState = 0x02;
-constexpr Byte kPairedName = 0xB5;
+using namespace braid;
 constexpr Byte kNameBase = 0x40;
 constexpr Byte kFakeArrival = 0x02;
-constexpr std::size_t kShortAnswer = 7;
 constexpr std::size_t kNameAnswer = 16;
 constexpr std::size_t kNameLengthAt = 5;
 constexpr std::size_t kNameAt = 6;
@@ -46,9 +45,13 @@ bool VXP10Command::set_receiver_connection_state(Device* device, bool fakeArriva
     if (device == nullptr) {
         return null_device(fn, "null device pointer passed to set_receiver_connection_state!");
     }
-    const std::vector<Byte> command{
-        0x10, 0xFF, 0x80, kConnectionState, static_cast<Byte>(fakeArrival ? kFakeArrival : 0),
-        0,    0};
+    const std::vector<Byte> command{kReportId,
+                                    kReceiverIndex,
+                                    kWriteShort,
+                                    kConnectionState,
+                                    static_cast<Byte>(fakeArrival ? kFakeArrival : 0),
+                                    0,
+                                    0};
     std::vector<Byte> response;
     // The answer carries nothing we use.
     const bool ok = device->sendSynchronousCommand(command, response, 0, {});
@@ -62,10 +65,11 @@ bool VXP10Command::read_receiver_connection_state(Device* device, unsigned* coun
     if (device == nullptr) {
         return null_device(fn, "null device pointer passed to read_receiver_connection_state!");
     }
-    const std::vector<Byte> command{0x10, 0xFF, 0x81, kConnectionState, 0, 0, 0};
+    const std::vector<Byte> command{kReportId, kReceiverIndex, kReadShort, kConnectionState, 0, 0,
+                                    0};
     std::vector<Byte> response;
     bool ok = device->sendSynchronousCommand(command, response, 0, {});
-    if (ok && response.size() < kShortAnswer) {
+    if (ok && response.size() < kShortReport) {
         set_error(CommandResponseTooShort);
         ok = false;
     }
@@ -84,7 +88,8 @@ bool VXP10Command::read_receiver_paired_device_name(Device* device, unsigned ind
         return null_device(fn, "null device pointer passed to read_receiver_paired_device_name!");
     }
     const std::vector<Byte> command{
-        0x10, 0xFF, 0x83, kPairedName, static_cast<Byte>(kNameBase + index), 0, 0};
+        kReportId, kReceiverIndex, kReadLong, kPairedName, static_cast<Byte>(kNameBase + index), 0,
+        0};
     std::vector<Byte> response;
     // The answer must name the slot asked for.
     bool ok = device->sendSynchronousCommand(command, response, 0, {0});
