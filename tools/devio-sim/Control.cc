@@ -13,7 +13,7 @@ namespace devio_sim {
 
 const char* const kControlHelp =
     "plug ID | unplug ID | replug ID | hangup ID\n"
-    "connect ID | disconnect ID | pair RECEIVER ID [NUMBER] | unpair ID\n"
+    "connect ID | disconnect ID | pair RECEIVER ID [NUMBER (replaces)] | unpair ID\n"
     "overwrite-flags RECEIVER\n"
     "battery ID LEVEL [NEXT [STATUS]]\n"
     "wireless ID RECONNECT CONFIG_NEEDED POWER_SWITCH\n"
@@ -23,6 +23,7 @@ const char* const kControlHelp =
     "reflash ID ENTITY VERSION [BUILD]\n"
     "fault ID drop N | delay MS [N] | late N | swid SWID [N] | error 1|2 BYTE [N] | clear | show\n"
     "fault ID writes fail|stall|normal\n"
+    "fault RECEIVER silent MS (from its next plug) | overcount N\n"
     "list | help | quit\n"
     "(N: a number of commands, or \"on\" until cleared)";
 
@@ -201,6 +202,10 @@ std::string fault(Machine& m, const Args& a) {
         change = [version, byte = a.byte(4), n = a.count(5, 1)](Faults& f) {
             f.error(version, byte, n);
         };
+    } else if (kind == "silent") {
+        change = [ms = static_cast<int>(a.number(3, 600000))](Faults& f) { f.silentAfterPlug(ms); };
+    } else if (kind == "overcount") {
+        change = [n = static_cast<int>(a.number(3, 14))](Faults& f) { f.overcount(n); };
     } else if (kind == "clear") {
         change = [](Faults& f) { f.clear(); };
     } else if (kind != "show") {

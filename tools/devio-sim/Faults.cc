@@ -19,6 +19,7 @@ std::string countText(int n) {
 
 void Faults::respond(const Report& request, const std::function<std::optional<Report>()>& process,
                      Outbox& out) {
+    last_delay_ms_ = -1;
     std::optional<Report> answer =
         use(error_) ? std::optional<Report>(errorReport(request, error_version_, error_byte_))
                     : process();
@@ -38,7 +39,8 @@ void Faults::respond(const Report& request, const std::function<std::optional<Re
         last_answer_ = answer;
     }
     if (use(drop_)) return;
-    out.send(*answer, use(delay_) ? delay_ms_ : 0);
+    last_delay_ms_ = use(delay_) ? delay_ms_ : 0;
+    out.send(*answer, last_delay_ms_);
 }
 
 std::string Faults::describe() const {
@@ -51,6 +53,8 @@ std::string Faults::describe() const {
         s += " error " + std::to_string(error_version_) + " " + std::to_string(error_byte_) + " " +
              countText(error_);
     }
+    if (silent_after_plug_ms_ != 0) s += " silent " + std::to_string(silent_after_plug_ms_);
+    if (overcount_ != 0) s += " overcount " + std::to_string(overcount_);
     return s.empty() ? "none" : s.substr(1);
 }
 

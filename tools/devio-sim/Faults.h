@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -33,7 +34,24 @@ public:
     void error(int version, Byte error, int n) {
         error_version_ = version, error_byte_ = error, error_ = n;
     }
-    void clear() { *this = Faults{}; }
+    // Receivers only. For `ms` milliseconds after each plug the receiver
+    // answers nothing at all, as a receiver that is still starting.
+    void silentAfterPlug(int ms) { silent_after_plug_ms_ = ms; }
+    // The receiver was plugged in now.
+    void plugged() { plugged_at_ = Clock::now(); }
+    bool silent() const {
+        return silent_after_plug_ms_ > 0 &&
+               Clock::now() < plugged_at_ + std::chrono::milliseconds(silent_after_plug_ms_);
+    }
+    // Receivers only: the count of paired devices says `n` more than the
+    // receiver then announces.
+    void overcount(int n) { overcount_ = n; }
+    int overcount() const { return overcount_; }
+    void clear() {
+        const Clock::time_point plugged_at = plugged_at_;
+        *this = Faults{};
+        plugged_at_ = plugged_at;
+    }
 
     // Runs one command through the faults. `process` is the device's own
     // handling; it is not called when an error answer replaces it.
@@ -42,8 +60,13 @@ public:
 
     // The faults in force, in the words of the control commands.
     std::string describe() const;
+    // How late the last answer went out, in milliseconds; -1 when the last
+    // command got none.
+    int lastDelayMs() const { return last_delay_ms_; }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     int drop_ = 0;
     int delay_ = 0;
     int delay_ms_ = 0;
@@ -54,6 +77,10 @@ private:
     int error_ = 0;
     int error_version_ = 2;
     Byte error_byte_ = 0;
+    int last_delay_ms_ = -1;
+    int silent_after_plug_ms_ = 0;
+    Clock::time_point plugged_at_{};
+    int overcount_ = 0;
 };
 
 }  // namespace devio_sim

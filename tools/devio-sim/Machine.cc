@@ -101,6 +101,7 @@ std::string Machine::plugUnit(Unit& unit) {
     }
     unit.hidraw = n;
     unit.node = std::move(node);
+    if (unit.receiver) unit.receiver->faults().plugged();
     unit.write_mode = SimNode::WriteMode::Normal;
     return {};
 }

@@ -41,27 +41,42 @@ Receiver::Receiver(const ReceiverDescription& description)
 }
 
 void Receiver::onHostReport(const Report& report, Outbox& out) {
-    if (report.size() < kHeaderSize) return;
+    if (report.size() < kHeaderSize || faults_.silent()) return;
+    // One radio link: a command sent while a paired device's answer is
+    // still on its way means that two hosts talk through the receiver at
+    // once.
+    const auto now = std::chrono::steady_clock::now();
+    if (now < busy_until_) ++overlaps_;
+    const int delay = carryOut(report, out);
+    const bool to_device = report[1] != kReceiverIndex;
+    if (to_device && delay > 0) busy_until_ = now + std::chrono::milliseconds(delay);
+}
+
+int Receiver::carryOut(const Report& report, Outbox& out) {
     const Byte index = report[1];
     if (index == kReceiverIndex) {
         faults_.respond(
             report, [&] { return registerCommand(report, out); }, out);
-        for (const Report& r : after_answer_) out.send(r);
+        for (const Report& r : after_answer_) out.send(r, std::max(faults_.lastDelayMs(), 0));
         after_answer_.clear();
-        return;
+        return faults_.lastDelayMs();
     }
     // Errors and notifications coming back at us are no commands.
-    if (report[2] == kVxp10ErrorSubId || report[2] == kVxp20ErrorIndex) return;
+    if (report[2] == kVxp10ErrorSubId || report[2] == kVxp20ErrorIndex) return -1;
     // The receiver answers for a device it cannot reach, as itself.
     if (index == 0 || index > slots_.size() || !slots_[index - 1].device) {
         faults_.respond(
             report, [&] { return errorReport(report, 1, vxp10::kNoDevice); }, out);
-    } else if (!slots_[index - 1].link_up) {
+        return faults_.lastDelayMs();
+    }
+    if (!slots_[index - 1].link_up) {
         faults_.respond(
             report, [&] { return errorReport(report, 1, vxp10::kLinkDown); }, out);
-    } else {
-        slots_[index - 1].device->command(report, out);
+        return faults_.lastDelayMs();
     }
+    SimDevice& device = *slots_[index - 1].device;
+    device.command(report, out);
+    return device.faults().lastDelayMs();
 }
 
 void Receiver::sendArrival(int slot, Outbox& out) const {
@@ -121,6 +136,7 @@ std::string Receiver::describe() const {
                (slots_[i].link_up ? " link up\n" : " link down\n");
     }
     for (const auto& d : unpaired_) out += "  " + d->id() + " unpaired\n";
+    out += "  commands overlapping an answer: " + std::to_string(overlaps_) + "\n";
     return out;
 }
 
@@ -147,12 +163,16 @@ bool Receiver::pair(const std::string& device_id, int slot, Outbox& out, std::st
             if (!slots_[i].device) slot = static_cast<int>(i + 1);
         }
     }
-    if (slot < 1 || slot > static_cast<int>(slots_.size()) || slots_[slot - 1].device) {
+    if (slot < 1 || slot > static_cast<int>(slots_.size())) {
         why = "no free device number on " + desc_.id;
         return false;
     }
-    slots_[slot - 1].device = std::move(*it);
+    auto device = std::move(*it);
     unpaired_.erase(it);
+    // A device paired into a taken number pushes the one there out, which
+    // says nothing: only the newcomer's arrival tells the host.
+    if (slots_[slot - 1].device) unpaired_.push_back(std::move(slots_[slot - 1].device));
+    slots_[slot - 1].device = std::move(device);
     sendLinkUp(slot, out);
     // A pairing ends the pairing window.
     if (lock_open_) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@ public:
     void onHostReport(const Report& report, Outbox& out) override;
 
     // Run-time events; each sends the notifications a real receiver would.
+    // `pair` into a device number that is taken replaces the device there.
     // `why` says what was wrong when one returns false.
     bool pair(const std::string& device_id, int slot, Outbox& out, std::string& why);
     bool unpair(const std::string& device_id, Outbox& out, std::string& why);
@@ -42,6 +44,9 @@ public:
     // One line per known device: its device number and link, or unpaired.
     std::string describe() const;
     Faults& faults() { return faults_; }
+    // Commands that arrived while a paired device's answer to another was
+    // still on its way (see `fault ID delay`).
+    int overlaps() const { return overlaps_; }
 
 private:
     struct Slot {
@@ -49,6 +54,8 @@ private:
         bool link_up = false;
     };
 
+    // Carries out one command; how late its answer goes out, -1 for none.
+    int carryOut(const Report& report, Outbox& out);
     std::optional<Report> registerCommand(const Report& request, Outbox& out);
     std::optional<Report> readShort(const Report& request);
     std::optional<Report> writeShort(const Report& request, Outbox& out);
@@ -68,6 +75,8 @@ private:
     // Notifications that follow the answer of the command being handled.
     std::vector<Report> after_answer_;
     Faults faults_;
+    std::chrono::steady_clock::time_point busy_until_{};
+    int overlaps_ = 0;
 };
 
 }  // namespace devio_sim

@@ -57,7 +57,7 @@ std::optional<Report> Receiver::readShort(const Report& request) {
         case kConnectionState: {
             const auto paired = std::count_if(slots_.begin(), slots_.end(),
                                               [](const Slot& s) { return s.device != nullptr; });
-            return answer(request, {0, static_cast<Byte>(paired), 0});
+            return answer(request, {0, static_cast<Byte>(paired + faults_.overcount()), 0});
         }
         case kRegister3:
             return answer(request, {register3_[0], register3_[1], register3_[2]});

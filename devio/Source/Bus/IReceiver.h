@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "Base/Byte.h"
 
@@ -9,6 +10,8 @@ namespace devio {
 class IDevice;
 
 // What only a wireless receiver can do, beside being a bus and a device.
+// Each operation sends register commands and blocks for their answers, so
+// none may be called on the receiver's read thread.
 class IReceiver {
 public:
     // The pairing lock state and its error, as the receiver reports them.
@@ -44,6 +47,17 @@ public:
     };
 
     virtual ~IReceiver() = default;
+
+    // The library's devices behind this receiver; empty without a manager.
+    virtual std::vector<std::shared_ptr<IDevice>> devices_on_receiver() = 0;
+    // Reads the per-device status bytes and hands each to its device.
+    virtual bool readSlotStatus() = 0;
+    virtual bool isTwoDeviceProduct() = 0;
+    // Opens and closes the pairing window, and unpairs a device by its
+    // device number (index + 1).
+    virtual bool open_lock() = 0;
+    virtual bool close_lock() = 0;
+    virtual bool unpair(unsigned deviceNumber) = 0;
 };
 
 namespace event_names {

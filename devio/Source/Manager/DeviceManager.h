@@ -21,6 +21,7 @@
 
 namespace devio {
 
+class BraidBus;
 class Device;
 
 // The implementation behind `CDevio`: it owns the bus stack, the list of
@@ -146,6 +147,9 @@ private:
     bool lazyInitializeHardwareBusses();
     // The platform bus at the bottom of the stack.
     virtual std::shared_ptr<IHardwareBus> makePlatformBus();
+    // The timer of the receivers' add-bus retries.
+    virtual std::shared_ptr<ITimer> makeRetryTimer(int id);
+    void add_receiver_bus(const std::shared_ptr<BraidBus>& receiver);
     bool passes_suppression(const std::shared_ptr<IHardwareDevice>& hw);
     std::shared_ptr<Device> as_device(const std::shared_ptr<IDevice>& device);
 

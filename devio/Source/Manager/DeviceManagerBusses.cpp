@@ -6,6 +6,7 @@
 
 #include "Base/ErrorRecord.h"
 #include "Base/Timer.h"
+#include "Bus/Braid/BraidBus.h"
 #include "Bus/Combiner/CombinerBus.h"
 #include "Bus/IHardwareDevice.h"
 #include "Bus/Pairing/PairingBus.h"
@@ -47,6 +48,10 @@ std::shared_ptr<IHardwareBus> DeviceManager::makePlatformBus() {
     return Win32Bus::create(weak_from_this());
 }
 
+std::shared_ptr<ITimer> DeviceManager::makeRetryTimer(int id) {
+    return std::make_shared<Timer>(id);
+}
+
 bool DeviceManager::on_subscribe(IDeviceManager::ArrivalRemoval* /*subscriber*/) {
     DM_LOG(2, "on_subscribe", "-api- ArrivalRemoval");
     return lazyInitializeHardwareBusses();
@@ -56,7 +61,7 @@ bool DeviceManager::lazyInitializeHardwareBusses() {
     std::lock_guard<std::mutex> stack(stack_mutex);
     if (hw_started) return true;
     if (!addbus_retry_timer) {
-        auto timer = std::make_shared<Timer>(kAddBusRetryTimerId);
+        auto timer = makeRetryTimer(kAddBusRetryTimerId);
         if (!Subscriber<ITimer::TimerEvent>::subscribe(timer, DeliveryRunLoop)) {
             DM_LOG(0, "lazyInit", "DeviceManager::lazyInit failed at subscribe");
             return false;
@@ -196,11 +201,16 @@ bool DeviceManager::passes_suppression(const std::shared_ptr<IHardwareDevice>& h
 std::shared_ptr<IDevice> DeviceManager::makeDevice(const std::shared_ptr<IHardwareDevice>& hw,
                                                    unsigned kind, unsigned pid) {
     DM_LOG(2, "makeDevice", "DeviceManager::makeDevice enter");
-    if (config_items[kReceiversActive] && kind == 0 && find_receiver(static_cast<int>(pid))) {
-        // FIXME: make the receiver's bus here (maxDevices and protocolByte
-        // from the receiver table) once receivers have one; until then a
-        // receiver is handled as a plain device.
+    const ReceiverProduct* receiver = find_receiver(static_cast<int>(pid));
+    if (config_items[kReceiversActive] && kind == 0 && receiver != nullptr) {
         DM_LOG(2, "makeDevice", "DeviceManager::makeDevice making a braid bus");
+        auto bus = std::make_shared<BraidBus>(hw, shared_from_this(), receiver->maxDevices,
+                                              receiver->protocolByte);
+        DM_LOG(2, "makeDevice", "DeviceManager::makeDevice initializing braid bus");
+        bus->initDevice(shared_from_this());
+        // The receiver keeps no feature cache: its directory is not set.
+        DM_LOG(2, "makeDevice", "DeviceManager::makeDevice exit, made bus");
+        return bus;
     }
     DM_LOG(2, "makeDevice", "DeviceManager::makeDevice making a device");
     auto device = std::make_shared<Device>(hw);
@@ -263,11 +273,32 @@ void DeviceManager::onPlug(const std::shared_ptr<IHardwareDevice>& hw) {
         Producer<IDeviceManager::ArrivalRemoval>::produce(
             [device](IDeviceManager::ArrivalRemoval* s) { s->onDeviceArrival(device); },
             event_names::DeviceManagerArrivalRemoval.onDeviceArrival);
-        // FIXME: a receiver's bus is added here once receivers have one; when
-        // its enumeration fails it joins addbus_retry_set, and a count of 0
-        // becomes 1 with the retry timer armed for kFirstRetryDelayMs.
+        // The receiver is announced before the devices paired to it.
+        if (auto receiver = std::dynamic_pointer_cast<BraidBus>(device)) {
+            DM_LOG(2, "onPlug",
+                   "DeviceManager::onPlug devices is a receiver, so adding receiver bus");
+            add_receiver_bus(receiver);
+        }
     }
     DM_LOG(2, "onPlug", "DeviceManager::onPlug(pid=0x%x) ...end", pid);
+}
+
+// A receiver that does not answer yet, as right after it was plugged in, is
+// tried again by the retry timer; a cycle that runs picks it up.
+void DeviceManager::add_receiver_bus(const std::shared_ptr<BraidBus>& receiver) {
+    const std::shared_ptr<IHardwareBus> bus = receiver;
+    if (addBus(bus)) return;
+    DM_LOG(1, "onPlug", "DeviceManager::onPlug addBus of receiver failed, will retry");
+    bool arm = false;
+    {
+        std::lock_guard<std::mutex> lock(list_mutex);
+        addbus_retry_set.insert(bus);
+        if (addbus_retry_count == 0) {
+            addbus_retry_count = 1;
+            arm = true;
+        }
+    }
+    if (arm) addbus_retry_timer->start(kFirstRetryDelayMs);
 }
 
 void DeviceManager::onUnplug(const std::shared_ptr<IHardwareDevice>& hw) {
@@ -306,12 +337,16 @@ void DeviceManager::onUnplug(const std::shared_ptr<IHardwareDevice>& hw) {
 void DeviceManager::onPowerChange(bool standBy) {
     DM_LOG(2, "onPowerChange", "DeviceManager::onPowerChange(standBy=%d)", standBy);
     if (standBy) return;
-    // FIXME: each receiver's bus re-reads its paired devices first, once
-    // receivers have one.
     DeviceList devices_now;
+    BusSet all;
     {
         std::lock_guard<std::mutex> lock(list_mutex);
         devices_now = deviceList;
+        all = busses;
+    }
+    // A receiver may have paired or lost devices while the machine slept.
+    for (const auto& bus : all) {
+        if (auto receiver = std::dynamic_pointer_cast<BraidBus>(bus)) receiver->devices();
     }
     // The machine slept: any device may have lost what we wrote into it.
     for (const auto& [hw, device] : devices_now) device->confirm_configuration();

@@ -100,8 +100,11 @@ void Win32Device::read_loop(unsigned generation) {
         DEVIO_LOG("Win32Device", 1, "read_thread",
                   "Win32Device::read_thread ERROR_DEVICE_NOT_CONNECTED");
         if (auto bus = bus_.lock()) {
-            bus->read_failed_with_disconnect_error(path_);
             removed_ = true;
+            bus->read_failed_with_disconnect_error(path_);
+            // The unplug it produced may have closed this device and let the
+            // last owner go, here on its own thread.
+            if (current->load() != generation) return;
         }
         produce_read({}, kDeviceNotConnected, 0);
         if (current->load() != generation) return;

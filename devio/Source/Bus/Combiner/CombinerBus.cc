@@ -33,8 +33,13 @@ std::vector<std::shared_ptr<IHardwareSecondaryBus>> CombinerBus::secondary_busse
 }
 
 bool CombinerBus::follow_underlying() {
+    // Once followed, the underlying bus's thread calls back here while it
+    // delivers under its producer's lock, which a first subscription takes
+    // under `follow_mutex`: it must not wait for that mutex then.
+    if (following) return true;
     std::lock_guard<std::mutex> lock(follow_mutex);
-    return Subscriber<IHardwareBus::PlugUnplug>::subscribe(underlying_, DeliveryDirect);
+    following = Subscriber<IHardwareBus::PlugUnplug>::subscribe(underlying_, DeliveryDirect);
+    return following;
 }
 
 std::vector<std::shared_ptr<IHardwareDevice>> CombinerBus::devices() {

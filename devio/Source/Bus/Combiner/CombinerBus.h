@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -65,6 +66,7 @@ private:
     std::set<std::shared_ptr<CombinerDevice>, ByPath> combined;  // guarded by combined_mutex
     std::mutex combined_mutex;
     std::mutex follow_mutex;
+    std::atomic<bool> following{false};  // written under follow_mutex
 };
 
 }  // namespace devio

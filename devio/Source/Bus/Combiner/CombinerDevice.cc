@@ -104,11 +104,14 @@ bool CombinerDevice::whole() {
 
 bool CombinerDevice::add_piece(const std::shared_ptr<IHardwareDevice>& piece) {
     COMBINER_LOG(2, "add_piece", "CombinerDevice::add_piece enter");
-    std::lock_guard<std::mutex> lock(pieces_mutex);
+    std::lock_guard<std::mutex> follow(follow_mutex);
     const int bit = piece->collection_id();
-    if (pieces.count(bit) != 0) {
-        COMBINER_LOG(2, "add_piece", "CombinerDevice::add_piece keeping existing piece");
-        return true;
+    {
+        std::lock_guard<std::mutex> lock(pieces_mutex);
+        if (pieces.count(bit) != 0) {
+            COMBINER_LOG(2, "add_piece", "CombinerDevice::add_piece keeping existing piece");
+            return true;
+        }
     }
     bool ok = true;
     if (reading) {
@@ -123,7 +126,10 @@ bool CombinerDevice::add_piece(const std::shared_ptr<IHardwareDevice>& piece) {
         ok = Subscriber<IHardwareDevice::Write>::subscribe(piece, DeliveryDirect,
                                                            "IHardwareDevice::Write");
     }
-    pieces[bit] = piece;
+    {
+        std::lock_guard<std::mutex> lock(pieces_mutex);
+        pieces[bit] = piece;
+    }
     COMBINER_LOG(2, "add_piece", "CombinerDevice::add_piece exit, ret=%d", ok);
     return ok;
 }
@@ -131,17 +137,24 @@ bool CombinerDevice::add_piece(const std::shared_ptr<IHardwareDevice>& piece) {
 bool CombinerDevice::remove_piece(const std::shared_ptr<IHardwareDevice>& piece) {
     COMBINER_LOG(2, "remove_piece", "CombinerDevice::remove_piece enter");
     const std::string gone = piece->path();
-    std::lock_guard<std::mutex> lock(pieces_mutex);
-    for (auto it = pieces.begin(); it != pieces.end(); ++it) {
-        if (it->second && it->second->path() == gone) {
-            COMBINER_LOG(2, "remove_piece",
-                         "CombinerDevice::remove_piece erasing piece from device");
-            it->second->close();
-            pieces.erase(it);
-            break;
+    std::lock_guard<std::mutex> follow(follow_mutex);
+    std::shared_ptr<IHardwareDevice> removed;
+    bool empty = false;
+    {
+        std::lock_guard<std::mutex> lock(pieces_mutex);
+        for (auto it = pieces.begin(); it != pieces.end(); ++it) {
+            if (it->second && it->second->path() == gone) {
+                removed = it->second;
+                pieces.erase(it);
+                break;
+            }
         }
+        empty = pieces.empty();
     }
-    const bool empty = pieces.empty();
+    if (removed) {
+        COMBINER_LOG(2, "remove_piece", "CombinerDevice::remove_piece erasing piece from device");
+        removed->close();
+    }
     COMBINER_LOG(2, "remove_piece", "CombinerDevice::remove_piece exit, is_empty=%d", empty);
     return empty;
 }
@@ -171,10 +184,10 @@ void CombinerDevice::onWrite(std::vector<Byte> report, ErrorCode err, unsigned v
 // with no Read subscriber does not read at all.
 bool CombinerDevice::on_subscribe(IHardwareDevice::Read* /*subscriber*/) {
     COMBINER_LOG(2, "on_subscribe", "CombinerDevice::on_subscribe enter");
-    std::lock_guard<std::mutex> lock(pieces_mutex);
+    std::lock_guard<std::mutex> follow(follow_mutex);
     if (reading) return true;
     reading = true;
-    for (const auto& [bit, piece] : pieces) {
+    for (const auto& [bit, piece] : current_pieces()) {
         if (!piece) {
             COMBINER_LOG(1, "on_subscribe",
                          "CombinerDevice::on_subscribe (read) piece.second is nullptr");
@@ -196,10 +209,10 @@ bool CombinerDevice::on_subscribe(IHardwareDevice::Read* /*subscriber*/) {
 
 bool CombinerDevice::on_subscribe(IHardwareDevice::Write* /*subscriber*/) {
     COMBINER_LOG(2, "on_subscribe", "CombinerDevice::on_subscribe enter");
-    std::lock_guard<std::mutex> lock(pieces_mutex);
+    std::lock_guard<std::mutex> follow(follow_mutex);
     if (loggingWrites) return true;
     loggingWrites = true;
-    for (const auto& [bit, piece] : pieces) {
+    for (const auto& [bit, piece] : current_pieces()) {
         if (!piece) continue;
         if (!Subscriber<IHardwareDevice::Write>::subscribe(piece, DeliveryDirect,
                                                            "IHardwareDevice::Write")) {
@@ -223,9 +236,9 @@ void CombinerDevice::on_subscription_removed(IHardwareDevice::Read* /*subscriber
                      "CombinerDevice::on_unsubscribe exit, still subscribers remaining");
         return;
     }
-    std::lock_guard<std::mutex> lock(pieces_mutex);
+    std::lock_guard<std::mutex> follow(follow_mutex);
     reading = false;
-    for (const auto& [bit, piece] : pieces) {
+    for (const auto& [bit, piece] : current_pieces()) {
         if (!piece) {
             COMBINER_LOG(1, "on_unsubscribe",
                          "CombinerDevice::on_unsubscribe (read) piece.second is nullptr");
@@ -237,9 +250,9 @@ void CombinerDevice::on_subscription_removed(IHardwareDevice::Read* /*subscriber
 
 void CombinerDevice::on_subscription_removed(IHardwareDevice::Write* /*subscriber*/) {
     if (Producer<IHardwareDevice::Write>::subscriber_count() != 0) return;
-    std::lock_guard<std::mutex> lock(pieces_mutex);
+    std::lock_guard<std::mutex> follow(follow_mutex);
     loggingWrites = false;
-    for (const auto& [bit, piece] : pieces) {
+    for (const auto& [bit, piece] : current_pieces()) {
         if (piece) Subscriber<IHardwareDevice::Write>::unsubscribe(piece);
     }
 }

@@ -21,9 +21,13 @@ class IHardwareBus;
 //
 // Threads: the caller of `devices` and the underlying bus's thread add and
 // remove pieces; any thread writes; the pieces' read threads deliver reads,
-// possibly at the same time. `pieces_mutex` guards `pieces`, `reading` and
-// `loggingWrites`; it is held while subscribing to or closing a piece
-// (whose read thread never takes it), never while writing to one.
+// possibly at the same time. `follow_mutex` serialises adding, removing
+// and following pieces and guards `reading` and `loggingWrites`; it is held
+// while subscribing to or closing a piece. `pieces_mutex` guards `pieces`
+// and is held only to copy or change the map, never while a piece is
+// called: a command engine opens the device under its own lock, which a
+// piece's read thread takes while delivering under the piece's producer
+// lock, so a subscription must not stand between the two.
 class CombinerDevice : public IHardwareDevice,
                        public Subscriber<IHardwareDevice::Read>,
                        public Subscriber<IHardwareDevice::Write>,
@@ -76,12 +80,13 @@ private:
 
     std::weak_ptr<IHardwareBus> bus_;
     Pieces pieces;               // guarded by pieces_mutex
-    bool reading = false;        // guarded by pieces_mutex
-    bool loggingWrites = false;  // guarded by pieces_mutex
+    bool reading = false;        // guarded by follow_mutex
+    bool loggingWrites = false;  // guarded by follow_mutex
     const std::string path_;
     const int pid_;
     const std::string name_;
     const int collections_expected_;
+    std::mutex follow_mutex;
     std::mutex pieces_mutex;
 };
 
