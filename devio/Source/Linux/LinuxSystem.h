@@ -65,6 +65,10 @@ public:
     // names them, and the node behind an open handle (empty if none).
     std::vector<HidInterface> interfacesOf(const std::string& node);
     std::string nodeOfHandle(PlatformHandle handle);
+    // For the Bluetooth binding: the address of the Bluetooth device behind
+    // a path (from HID_UNIQ), and whether it is a Low Energy device (its HID
+    // device made by BlueZ through uhid). False for any other device.
+    bool bluetoothIdentity(const std::string& path, std::uint64_t& address, bool& low_energy);
     const linux_hid::SysfsHidraw& sysfs() const { return sysfs_; }
     const std::string& devRoot() const { return dev_root_; }
 

@@ -67,9 +67,13 @@ public:
     void closeTrackedHandle(std::uintptr_t notification, PlatformHandle handle);
     void read_failed_with_disconnect_error(const std::string& path);
     bool verify_device_exists(const std::string& path);
+    // Tells the manager of a failure that no caller can receive.
+    void reportToManager(const char* where);
 
 protected:
     explicit Win32Bus(std::weak_ptr<IDeviceManager> manager = {});
+    // Makes the monitors; needs the shared pointer to this bus.
+    void init();
     bool on_subscribe(IHardwareBus::PlugUnplug* subscriber) override;
 
 private:
@@ -83,7 +87,6 @@ private:
     void serveRequest(Win32BusRequest& request);
     void processDeviceChange(unsigned event, const DeviceChangeHeader* header);
     void produceForPath(unsigned event, const std::string& path, bool arrival);
-    void reportToManager(const char* where);
     std::uintptr_t registerDeviceNotificationAndTakeOwnershipOfHandle_worker(PlatformHandle handle);
     void unregisterDeviceNotificationAndCloseTrackedHandle_worker(std::uintptr_t notification,
                                                                   PlatformHandle handle);
