@@ -280,7 +280,8 @@ DeviceDescription parseDevice(const json& v, const std::string& where, bool pair
     } else {
         take(v, "bus", d.bus, where);
         take(v, "plugged", d.plugged, where);
-        if (d.bus != "usb" && d.bus != "bluetooth") fail(where + ".bus", "usb or bluetooth");
+        if (d.bus != "usb" && d.bus != "bluetooth" && d.bus != "ble")
+            fail(where + ".bus", "usb, bluetooth or ble");
         if (v.contains("collections")) {
             d.collections = parseCollections(v.at("collections"), where + ".collections");
         } else {

@@ -10,7 +10,7 @@ namespace devio_sim {
 
 // What the simulated sysfs tells about one HID node.
 struct NodeIdentity {
-    std::string bus = "usb";  // "usb" or "bluetooth"
+    std::string bus = "usb";  // "usb", "bluetooth" (classic) or "ble" (Low Energy)
     std::uint16_t vid = 0;
     std::uint16_t pid = 0;
     std::uint16_t release = 0;

@@ -1,11 +1,11 @@
 #include "Linux/BluezObjects.h"
 
-#include "Linux/SysfsHidraw.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "Linux/SysfsHidraw.h"
 
 namespace devio::bluez {
 

@@ -67,8 +67,8 @@ public:
         };
         for (const Match& m : matches) {
             sd_bus_slot* slot = nullptr;
-            const int r = sd_bus_match_signal(bus_, &slot, m.sender, nullptr, m.interface,
-                                              m.member, m.handler, this);
+            const int r = sd_bus_match_signal(bus_, &slot, m.sender, nullptr, m.interface, m.member,
+                                              m.handler, this);
             if (r < 0) {
                 why = std::string("cannot watch BlueZ: ") + std::strerror(-r);
                 sys_error = -r;
@@ -119,7 +119,9 @@ private:
 
     void tell(BluetoothChange change) {
         const std::string radio = change.radio;
-        push({NodeEvent::Bluetooth, radio, {},
+        push({NodeEvent::Bluetooth,
+              radio,
+              {},
               std::make_shared<const BluetoothChange>(std::move(change))});
     }
 
@@ -183,7 +185,8 @@ private:
                 me->radio(false, where);
             }
             const auto it = me->state_.devices.find(where);
-            if (std::strcmp(*each, bluez::kDeviceInterface) == 0 && it != me->state_.devices.end()) {
+            if (std::strcmp(*each, bluez::kDeviceInterface) == 0 &&
+                it != me->state_.devices.end()) {
                 const RemoteDevice before = it->second;
                 me->state_.devices.erase(it);
                 me->compare(before, true, before, false);

@@ -14,11 +14,11 @@ namespace devio::linux_hid {
 // What a source of device-change notifications tells the bus's window.
 struct NodeEvent {
     enum Kind {
-        Added,    // a hidraw node appeared: `node`
-        Removed,  // a hidraw node went: `node`
-        Unbound,  // the HID device at `syspath` lost its driver; its nodes go next
-        Resumed,  // the machine woke from sleep
-        Lost,     // the source lost events; what is there must be looked at again
+        Added,         // a hidraw node appeared: `node`
+        Removed,       // a hidraw node went: `node`
+        Unbound,       // the HID device at `syspath` lost its driver; its nodes go next
+        Resumed,       // the machine woke from sleep
+        Lost,          // the source lost events; what is there must be looked at again
         RadioAdded,    // a Bluetooth radio appeared: `node` is its path
         RadioRemoved,  // a Bluetooth radio went: `node`
         Bluetooth,     // the Bluetooth stack told of a remote device: `bluetooth`

@@ -57,7 +57,8 @@ void BluetoothMicrosoftBus::stop() {
                 BT_LOG(3, "stop", "-bt- stop() is unregistering device notification for %s",
                        radio.c_str());
         }
-        if (interface_notification_ != 0) bus->unregisterInterfaceNotification(interface_notification_);
+        if (interface_notification_ != 0)
+            bus->unregisterInterfaceNotification(interface_notification_);
     }
     interface_notification_ = 0;
     std::lock_guard<std::mutex> radios(radio_mutex_);
@@ -196,13 +197,12 @@ std::shared_ptr<BluetoothMicrosoftDevice> BluetoothMicrosoftBus::find(std::uint6
 }
 
 std::shared_ptr<BluetoothMicrosoftDevice> BluetoothMicrosoftBus::get_or_make(std::uint64_t address,
-                                                                            int bustype) {
+                                                                             int bustype) {
     std::lock_guard<std::mutex> lock(address_mutex_);
     auto& slot = addresses_[address];
     if (!slot) {
-        slot = std::make_shared<BluetoothMicrosoftDevice>(weak_from_this(),
-                                                          bluetoothAddressText(address), address,
-                                                          bustype);
+        slot = std::make_shared<BluetoothMicrosoftDevice>(
+            weak_from_this(), bluetoothAddressText(address), address, bustype);
     }
     return slot;
 }
@@ -276,8 +276,8 @@ std::shared_ptr<BluetoothMicrosoftDevice> BluetoothMicrosoftBus::device_paired_o
         BT_LOG(3, "device_paired_on_path_internal", "-bt- Got BLE address %s for path %s",
                text.c_str(), path.c_str());
     } else {
-        BT_LOG(3, "device_paired_on_path_internal", "-bt- Got address %s for path %s",
-               text.c_str(), path.c_str());
+        BT_LOG(3, "device_paired_on_path_internal", "-bt- Got address %s for path %s", text.c_str(),
+               path.c_str());
     }
     auto device = get_or_make(address, bustype);
     BT_LOG(3, "device_paired_on_path_internal",

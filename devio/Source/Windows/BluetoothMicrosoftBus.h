@@ -67,11 +67,11 @@ private:
     void inRangeEvent(const BluetoothChange& change);
 
     std::weak_ptr<Win32Bus> bus_;
-    bool active_;     // guarded by start_mutex_
-    bool started_ = false;  // guarded by start_mutex_
-    std::shared_ptr<IWin32System> system_;           // guarded by start_mutex_
-    std::shared_ptr<IBluetoothSystem> bluetooth_;    // guarded by start_mutex_
-    std::uintptr_t interface_notification_ = 0;      // guarded by start_mutex_
+    bool active_;                                  // guarded by start_mutex_
+    bool started_ = false;                         // guarded by start_mutex_
+    std::shared_ptr<IWin32System> system_;         // guarded by start_mutex_
+    std::shared_ptr<IBluetoothSystem> bluetooth_;  // guarded by start_mutex_
+    std::uintptr_t interface_notification_ = 0;    // guarded by start_mutex_
     std::recursive_mutex start_mutex_;
 
     std::set<std::string> radios_;  // guarded by radio_mutex_

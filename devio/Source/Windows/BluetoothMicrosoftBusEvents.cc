@@ -40,15 +40,24 @@ std::string flagWords(std::uint32_t flags) {
         std::uint32_t bit;
         const char* word;
     } kWords[] = {
-        {bdif::kAddress, "ADDRESS"},     {bdif::kCod, "COD"},
-        {bdif::kName, "NAME"},           {bdif::kPaired, "PAIRED"},
-        {bdif::kPersonal, "PERSONAL"},   {bdif::kConnected, "CONNECTED"},
-        {bdif::kShortName, "SHORT_NAME"}, {bdif::kVisible, "VISIBLE"},
-        {bdif::kSspSupported, "SSP_SUPPORTED"}, {bdif::kSspPaired, "SSP_PAIRED"},
-        {bdif::kSspMitmProtected, "SSP_MITM_PROTECTED"}, {bdif::kRssi, "RSSI"},
-        {bdif::kEir, "EIR"},             {bdif::kBr, "BR"},
-        {bdif::kLe, "LE"},               {bdif::kLePaired, "LE_PAIRED"},
-        {bdif::kLePersonal, "LE_PERSONAL"}, {bdif::kLeMitmProtected, "LE_MITM_PROTECTED"},
+        {bdif::kAddress, "ADDRESS"},
+        {bdif::kCod, "COD"},
+        {bdif::kName, "NAME"},
+        {bdif::kPaired, "PAIRED"},
+        {bdif::kPersonal, "PERSONAL"},
+        {bdif::kConnected, "CONNECTED"},
+        {bdif::kShortName, "SHORT_NAME"},
+        {bdif::kVisible, "VISIBLE"},
+        {bdif::kSspSupported, "SSP_SUPPORTED"},
+        {bdif::kSspPaired, "SSP_PAIRED"},
+        {bdif::kSspMitmProtected, "SSP_MITM_PROTECTED"},
+        {bdif::kRssi, "RSSI"},
+        {bdif::kEir, "EIR"},
+        {bdif::kBr, "BR"},
+        {bdif::kLe, "LE"},
+        {bdif::kLePaired, "LE_PAIRED"},
+        {bdif::kLePersonal, "LE_PERSONAL"},
+        {bdif::kLeMitmProtected, "LE_MITM_PROTECTED"},
         {bdif::kLePrivacyEnabled, "LE_PRIVACY_ENABLED"},
     };
     std::string out;
@@ -124,13 +133,12 @@ void BluetoothMicrosoftBus::customEvent(const DeviceChangeHeader& header) {
             break;
         case BluetoothChange::HciEvent:
             BT_LOG(3, "process_wm_devicechange",
-                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_HCI_EVENT addr=%s, conn=%d",
-                   text.c_str(), change.connected ? 1 : 0);
+                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_HCI_EVENT addr=%s, conn=%d", text.c_str(),
+                   change.connected ? 1 : 0);
             break;
         case BluetoothChange::OutOfRange:
             BT_LOG(3, "process_wm_devicechange",
-                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_RADIO_OUT_OF_RANGE addr=%s",
-                   text.c_str());
+                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_RADIO_OUT_OF_RANGE addr=%s", text.c_str());
             break;
     }
 }
@@ -140,8 +148,8 @@ void BluetoothMicrosoftBus::l2capEvent(const BluetoothChange& change) {
     if (change.psm != kPsmHidInterrupt) return;
     const std::string text = bluetoothAddressText(change.address);
     if (change.connected) {
-        BT_LOG(2, "process_wm_devicechange", "Bluetooth device %s has connected (PSM_HID_INTERRUPT)",
-               text.c_str());
+        BT_LOG(2, "process_wm_devicechange",
+               "Bluetooth device %s has connected (PSM_HID_INTERRUPT)", text.c_str());
         get_or_make(change.address, 2)->tell_connect(change.radio);
     } else {
         BT_LOG(2, "process_wm_devicechange",

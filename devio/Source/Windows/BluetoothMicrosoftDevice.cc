@@ -11,8 +11,8 @@
 namespace devio {
 
 BluetoothMicrosoftDevice::BluetoothMicrosoftDevice(std::weak_ptr<BluetoothMicrosoftBus> bus,
-                                                   std::string address_text,
-                                                   std::uint64_t address, int bustype)
+                                                   std::string address_text, std::uint64_t address,
+                                                   int bustype)
     : address_text_(std::move(address_text)),
       bus_(std::move(bus)),
       address_(address),
@@ -23,8 +23,7 @@ BluetoothMicrosoftDevice::BluetoothMicrosoftDevice(std::weak_ptr<BluetoothMicros
 }
 
 BluetoothMicrosoftDevice::~BluetoothMicrosoftDevice() {
-    BTD_LOG(3, "~BluetoothMicrosoftDevice",
-            "~BluetoothMicrosoftDevice Number of instances now: %d",
+    BTD_LOG(3, "~BluetoothMicrosoftDevice", "~BluetoothMicrosoftDevice Number of instances now: %d",
             InstanceCount<BluetoothMicrosoftDevice>::removed());
 }
 
@@ -42,7 +41,8 @@ bool BluetoothMicrosoftDevice::connected() {
     }
     auto bus = bus_.lock();
     if (!bus || !bus->lazy_start()) {
-        BTD_LOG(2, "connected", "BluetoothMicrosoftDevice::connected exit, false - lazy start failed");
+        BTD_LOG(2, "connected",
+                "BluetoothMicrosoftDevice::connected exit, false - lazy start failed");
         return false;
     }
     bool up = false;

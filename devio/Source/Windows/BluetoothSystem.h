@@ -96,8 +96,7 @@ public:
     // The address of the Bluetooth device behind a HID path, and its bearer
     // as a bus type (2 classic, 3 Low Energy); false for a path that is no
     // Bluetooth device. Needs no Bluetooth stack.
-    virtual bool address_of_path(const std::string& path, std::uint64_t& address,
-                                 int& bustype) = 0;
+    virtual bool address_of_path(const std::string& path, std::uint64_t& address, int& bustype) = 0;
     // The bearer as the Bluetooth stack knows it: 2, 3, or 0 when the stack
     // does not know the device.
     virtual int bearer(std::uint64_t address) = 0;

@@ -33,8 +33,8 @@ void Win32Bus::init() {
     } else {
         set_error(ShuttingDown);
     }
-    bluetooth_monitors_.push_back(std::make_shared<BluetoothMicrosoftBus>(
-        weak_from_this(), bluetooth_active || ble_active));
+    bluetooth_monitors_.push_back(
+        std::make_shared<BluetoothMicrosoftBus>(weak_from_this(), bluetooth_active || ble_active));
 }
 
 Win32Bus::Win32Bus(std::weak_ptr<IDeviceManager> manager) : manager_(std::move(manager)) {
