@@ -4,15 +4,12 @@
 // closing, and the flags of a device changing (pairing, and the link of a
 // Low Energy device).
 
-#include <poll.h>
-#include <time.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "Linux/BluezObjects.h"
-#include "Linux/ChangeSources.h"
+#include "Linux/SdBusSource.h"
 #include "Windows/BluetoothSystem.h"
 
 namespace devio::linux_hid {
@@ -40,13 +37,9 @@ std::uint32_t flagsOf(const RemoteDevice& d, int bearer, bool present) {
     return flags;
 }
 
-class BluezWatch : public IChangeSource {
+class BluezWatch : public SdBusSource {
 public:
-    explicit BluezWatch(sd_bus* bus) : bus_(bus) {}
-    ~BluezWatch() override {
-        for (sd_bus_slot* slot : slots_) sd_bus_slot_unref(slot);
-        sd_bus_flush_close_unref(bus_);
-    }
+    using SdBusSource::SdBusSource;
 
     bool watch(std::string& why, int& sys_error) {
         struct Match {
@@ -74,7 +67,7 @@ public:
                 sys_error = -r;
                 return false;
             }
-            slots_.push_back(slot);
+            keep(slot);
         }
         // What is there now is known before the first change arrives; a
         // change seen both here and as a signal is told once.
@@ -86,33 +79,7 @@ public:
         return true;
     }
 
-    int fd() const override { return sd_bus_get_fd(bus_); }
-    short events() const override {
-        const int e = sd_bus_get_events(bus_);
-        return static_cast<short>(e < 0 ? POLLIN : e);
-    }
-    int timeoutMs() const override {
-        std::uint64_t until = 0;
-        if (sd_bus_get_timeout(bus_, &until) < 0 || until == UINT64_MAX) return -1;
-        timespec now{};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        const std::uint64_t usec = static_cast<std::uint64_t>(now.tv_sec) * 1000000u +
-                                   static_cast<std::uint64_t>(now.tv_nsec) / 1000u;
-        return until <= usec ? 0 : static_cast<int>((until - usec + 999) / 1000);
-    }
-
-    void drain(std::vector<NodeEvent>& out) override {
-        pending_ = &out;
-        while (sd_bus_process(bus_, nullptr) > 0) {
-        }
-        pending_ = nullptr;
-    }
-
 private:
-    void push(NodeEvent event) {
-        if (pending_) pending_->push_back(std::move(event));
-    }
-
     void radio(bool added, const std::string& path) {
         push({added ? NodeEvent::RadioAdded : NodeEvent::RadioRemoved, path, {}, {}});
     }
@@ -227,10 +194,7 @@ private:
         return 0;
     }
 
-    sd_bus* bus_;
-    std::vector<sd_bus_slot*> slots_;
     bluez::Snapshot state_;
-    std::vector<NodeEvent>* pending_ = nullptr;  // set while draining
 };
 
 }  // namespace
