@@ -29,7 +29,7 @@ cleanup() {
 }
 trap cleanup EXIT INT TERM
 
-dbus-daemon --session --nofork --print-address=3 3>"$dir/bus-address" &
+dbus-daemon --session --nofork --print-address=3 3>"$dir/bus-address" 2>"$dir/dbus-daemon.log" &
 pids+=($!)
 for _ in $(seq 100); do [ -s "$dir/bus-address" ] && break; sleep 0.1; done
 address=$(head -n 1 "$dir/bus-address")

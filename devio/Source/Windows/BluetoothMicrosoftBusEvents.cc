@@ -131,15 +131,6 @@ void BluetoothMicrosoftBus::customEvent(const DeviceChangeHeader& header) {
         case BluetoothChange::RadioInRange:
             inRangeEvent(change);
             break;
-        case BluetoothChange::HciEvent:
-            BT_LOG(3, "process_wm_devicechange",
-                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_HCI_EVENT addr=%s, conn=%d", text.c_str(),
-                   change.connected ? 1 : 0);
-            break;
-        case BluetoothChange::OutOfRange:
-            BT_LOG(3, "process_wm_devicechange",
-                   "-bt- DBT_CUSTOMEVENT, GUID_BLUETOOTH_RADIO_OUT_OF_RANGE addr=%s", text.c_str());
-            break;
     }
 }
 

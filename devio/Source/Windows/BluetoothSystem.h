@@ -53,8 +53,6 @@ struct BluetoothChange {
     enum Kind {
         L2cap,         // a channel opened or closed: psm, connected, initiated
         RadioInRange,  // the device's flags changed: current, previous, class, name
-        HciEvent,      // a link came or went: connected
-        OutOfRange,    // the device went out of range
     };
     Kind kind = RadioInRange;
     std::string radio;  // the radio's path

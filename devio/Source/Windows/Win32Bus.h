@@ -26,7 +26,8 @@ struct Win32BusRequest;
 // turns the platform's device-change notifications into onPlug, onUnplug
 // and onPowerChange, and owns the file handles of its devices once they
 // registered for removal requests, so that a request can close a handle at
-// once whichever object uses it.
+// once whichever object uses it. Its Bluetooth monitor, made at `init`,
+// gets every device-change message after the bus has handled it.
 //
 // Threads: a window thread of its own receives the notifications, runs
 // every registration and produces the bus's events; any other thread calls
