@@ -21,7 +21,7 @@ constexpr const char kHidOverGatt[] = "00001812-0000-1000-8000-00805f9b34fb";
 // python3-dbusmock is Debian's, for Debian's interpreter.
 constexpr const char kPython[] = "/usr/bin/python3";
 
-void stop(pid_t& pid) {
+void end(pid_t& pid) {
     if (pid <= 0) return;
     ::kill(pid, SIGTERM);
     ::waitpid(pid, nullptr, 0);
@@ -56,7 +56,7 @@ PrivateSystemBus::PrivateSystemBus() {
 
 PrivateSystemBus::~PrivateSystemBus() {
     ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    stop(daemon_);
+    end(daemon_);
 }
 
 BluezMock::BluezMock(const PrivateSystemBus& bus) {
@@ -102,7 +102,11 @@ BluezMock::BluezMock(const PrivateSystemBus& bus) {
 
 BluezMock::~BluezMock() {
     if (bus_) sd_bus_flush_close_unref(bus_);
-    stop(mock_);
+    end(mock_);
+}
+
+void BluezMock::stop() {
+    end(mock_);
 }
 
 std::string BluezMock::call(const char* path, const char* interface, const char* member,

@@ -34,6 +34,8 @@ public:
     ~BluezMock();
     bool ok() const { return ok_; }
     const std::string& why() const { return why_; }
+    // Ends the mock, as BlueZ ends when it stops or crashes.
+    void stop();
 
     // Each returns the error text of a failed call, empty on success.
     std::string addAdapter(const std::string& name);

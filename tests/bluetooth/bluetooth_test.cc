@@ -332,6 +332,73 @@ TEST(Bluetooth, LowEnergyDevicesByAddressAcrossRadioAndReconnect) {
                                         std::string("unpair ") + kHci0}));
 }
 
+// A Low Energy device with two HID services has two nodes with one address:
+// each keeps its own path across reconnects in either order, and their
+// pieces meet by the address.
+TEST(Bluetooth, NodesOfOneLowEnergyDeviceKeepTheirOwnPaths) {
+    simtest::SimMachine sim(R"({"devices": [
+        {"id": "keys", "pid": "0xB410", "bus": "ble", "address": "00:1f:20:aa:bb:cc",
+         "collections": [{"usage": "0x0301", "report_id": "0x10", "size": 7}]},
+        {"id": "media", "pid": "0xB411", "bus": "ble", "address": "00:1f:20:aa:bb:cc",
+         "collections": [{"usage": "0x0302", "report_id": "0x11", "size": 20}]}]})");
+    auto bus = BtBus::make(sim);
+    const auto seen = [&] {
+        std::map<std::string, int> pids;
+        std::set<std::string> keys;
+        for (const auto& d : bus->devices()) {
+            EXPECT_NE(d->path().find("hidraw@bt-"), std::string::npos) << d->path();
+            EXPECT_TRUE(d->open());
+            pids[d->path()] = d->pid();
+            keys.insert(d->combine_key());
+            d->close();
+        }
+        EXPECT_EQ(keys.size(), 1u);
+        return pids;
+    };
+    const auto before = seen();
+    ASSERT_EQ(before.size(), 2u);
+    ASSERT_EQ(sim.command("unplug keys"), "ok");
+    ASSERT_EQ(sim.command("unplug media"), "ok");
+    ASSERT_EQ(sim.command("plug media"), "ok");
+    ASSERT_EQ(sim.command("plug keys"), "ok");
+    EXPECT_EQ(sim.machine().hidrawOf("media"), 0);
+    EXPECT_EQ(seen(), before);
+}
+
+// BlueZ that ends takes its radios, and their connections, with it.
+TEST(Bluetooth, BlueZThatEndsTakesItsRadios) {
+    Stage stage;
+    ASSERT_TRUE(stage.mock.ok());
+    simtest::SimMachine sim(
+        R"({"devices": [{"id": "keys", "pid": "0xB35B", "bus": "bluetooth"}]})");
+    auto bus = BtBus::make(sim);
+    const int node = sim.machine().hidrawOf("keys");
+    const std::string address = nodeAddress(sim.machine().sysfsRoot(), node);
+    auto& mock = stage.mock;
+    ASSERT_EQ(mock.addAdapter("hci0"), "");
+    ASSERT_EQ(mock.addAdapter("hci1"), "");
+    ASSERT_EQ(mock.addDevice("hci1", address, "Vantrel Keys"), "");
+    ASSERT_EQ(mock.pairDevice("hci1", address), "");
+    ASSERT_EQ(mock.connectDevice("hci1", address), "");
+    auto device = bus->monitor()->device_paired_on_path(bus->paths(sim, {"keys"})[node].at(0));
+    ASSERT_NE(device, nullptr);
+    Recorder rec;
+    ASSERT_TRUE(rec.radios(bus->monitor()));
+    ASSERT_TRUE(rec.follow(device));
+    rec.until({std::string("radio+ ") + kHci0, std::string("radio+ ") + kHci1});
+    ASSERT_TRUE(device->connected());
+    EXPECT_EQ(device->connected_radio({}, devio::kBusTypeNoPathLookup), kHci1);
+
+    mock.stop();
+    auto gone = names(
+        rec.until({std::string("radio- ") + kHci0, std::string("radio- ") + kHci1, "disconnect"}));
+    EXPECT_EQ(
+        std::set<std::string>(gone.begin(), gone.end()),
+        (std::set<std::string>{"fast-disconnect", "disconnect", std::string("radio- ") + kHci0,
+                               std::string("radio- ") + kHci1}));
+    EXPECT_FALSE(device->radio_present(kHci1));
+}
+
 // Without BlueZ, whether the system bus is there or not, the monitor is
 // inactive and says so once; the lookup still answers from the node, a
 // subscriber is not refused, and the bus's other devices work.

@@ -42,6 +42,7 @@ unsigned busOf(const NodeIdentity& id) {
 
 // A stable Bluetooth address for a simulated device.
 std::string address(const NodeIdentity& id) {
+    if (!id.address.empty()) return id.address;
     return "00:1f:20:" + hex(id.pid >> 8, 2, false) + ":" + hex(id.pid & 0xFF, 2, false) + ":" +
            hex(static_cast<unsigned>(id.port & 0xFF), 2, false);
 }

@@ -16,6 +16,7 @@ struct NodeIdentity {
     std::uint16_t release = 0;
     std::string name;
     std::string serial;
+    std::string address;   // Bluetooth: HID_UNIQ; empty gives one from pid and port
     int port = 1;          // where it sits; stays the same across replugs
     int hid_sequence = 1;  // the running number of the HID device
     std::vector<Byte> descriptor;
