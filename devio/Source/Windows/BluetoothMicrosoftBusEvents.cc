@@ -85,21 +85,20 @@ void BluetoothMicrosoftBus::process_wm_devicechange(unsigned event, const void* 
     switch (event) {
         case device_change::kArrival:
         case device_change::kQueryRemoveFailed:
-            if (!radio_class) break;
-            BT_LOG(3, "process_wm_devicechange",
-                   "-bt- %s, DBT_DEVTYP_DEVICEINTERFACE, GUID_BTHPORT_DEVICE_INTERFACE",
-                   eventName(event));
-            Producer<Internal>::produce([path](Internal* s) { s->onRadioArrival(path); },
-                                        event_names::RadioArrivalRemoval.onRadioArrival);
-            return;
         case device_change::kQueryRemove:
         case device_change::kRemoveComplete:
             if (!radio_class) break;
             BT_LOG(3, "process_wm_devicechange",
                    "-bt- %s, DBT_DEVTYP_DEVICEINTERFACE, GUID_BTHPORT_DEVICE_INTERFACE",
                    eventName(event));
-            Producer<Internal>::produce([path](Internal* s) { s->onRadioRemoval(path); },
-                                        event_names::RadioArrivalRemoval.onRadioRemoval);
+            // A failed removal request counts as an arrival again.
+            if (event == device_change::kArrival || event == device_change::kQueryRemoveFailed) {
+                Producer<Internal>::produce([path](Internal* s) { s->onRadioArrival(path); },
+                                            event_names::RadioArrivalRemoval.onRadioArrival);
+            } else {
+                Producer<Internal>::produce([path](Internal* s) { s->onRadioRemoval(path); },
+                                            event_names::RadioArrivalRemoval.onRadioRemoval);
+            }
             return;
         case device_change::kCustomEvent:
             if (header->device_type == device_change::kHandle && header->bluetooth) {
