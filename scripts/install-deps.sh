@@ -9,6 +9,7 @@ packages=(
   libudev-dev libsystemd-dev dbus-daemon python3-dbusmock
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   python3 openssl tzdata
+  lintian
   clang libclang-rt-14-dev clang-format
 )
 

@@ -4,42 +4,13 @@
 // after the first new answer, so that the burst of discovery makes one
 // write.
 
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <random>
-
 #include "Base/ClassLog.h"
+#include "Base/FileReplace.h"
 #include "Base/Timer.h"
 #include "Device/Device.h"
 #include "Device/FeatureCacheFile.h"
 
 namespace devio {
-
-namespace {
-
-// Writes the whole of `text` to `name` through a new file beside it, so
-// that a reader never meets a half-written cache: a damaged file would
-// throw at the next start.
-bool replace_file(const std::string& name, const std::string& text) {
-    const std::string scratch = name + "." + std::to_string(std::random_device{}()) + ".tmp";
-    {
-        std::ofstream out(scratch, std::ios::binary | std::ios::trunc);
-        if (!out) return false;
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        out.close();
-        if (!out) {
-            std::remove(scratch.c_str());
-            return false;
-        }
-    }
-    if (std::rename(scratch.c_str(), name.c_str()) != 0) {
-        std::remove(scratch.c_str());
-        return false;
-    }
-    return true;
-}
-}  // namespace
 
 void Device::make_cache_write_timer() {
     auto timer = std::make_shared<Timer>(kCacheWriteTimerId);
@@ -70,14 +41,12 @@ void Device::perform_cache_read() {
         feature_cache::file_name(dir, static_cast<unsigned>(hwdev->pid()), hw_path);
     DEVIO_LOG("Device", 3, "perform_cache_read", "Device::perform_cache_read reading file %s",
               name.c_str());
-    std::ifstream in(name, std::ios::binary);
-    if (!in) {
+    std::vector<char> text;
+    if (!read_file_text(name, text)) {
         DEVIO_LOG("Device", 3, "perform_cache_read",
                   "Device::perform_cache_read file does not exist");
         return;
     }
-    std::vector<char> text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    text.push_back('\0');
     // A damaged file throws here, before anything was taken from it.
     const feature_cache::Document doc = feature_cache::parse(text.data());
     // A file without `fw` counts as written for an empty firmware text.

@@ -334,10 +334,9 @@ std::uintptr_t DeviceChangeWindow::register_interface_notification(
         // What is there now is known before the first change arrives; a
         // node seen both here and by the watch arrives once.
         int ignored = 0;
-        for (const std::string& node : system_->sysfs().listNodes(ignored)) {
+        for (const auto& [node, interfaces] : system_->interfacesByNode(ignored)) {
             Known now;
-            for (const HidInterface& found : system_->interfacesOf(node))
-                now.paths.push_back(found.path);
+            for (const HidInterface& found : interfaces) now.paths.push_back(found.path);
             now.device_dir = system_->sysfs().deviceDirectory(node);
             if (!now.paths.empty()) known_[node] = std::move(now);
         }

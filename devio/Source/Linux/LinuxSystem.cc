@@ -145,6 +145,21 @@ std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
     const auto names = namesOf(sysfs_.listNodes(err));
     const auto named = names.find(node);
     if (named == names.end()) return {};
+    return interfacesNamed(node, named->second);
+}
+
+std::map<std::string, std::vector<HidInterface>> LinuxSystem::interfacesByNode(int& sys_error) {
+    std::map<std::string, std::vector<HidInterface>> out;
+    // Names depend on every node's location, so they are worked out once for
+    // the whole class: a machine of n devices costs n reads, not n squared.
+    for (const auto& [node, name] : namesOf(sysfs_.listNodes(sys_error)))
+        out[node] = interfacesNamed(node, name);
+    return out;
+}
+
+std::vector<HidInterface> LinuxSystem::interfacesNamed(const std::string& node,
+                                                       const std::string& name) {
+    int err = 0;
     std::vector<std::uint8_t> bytes;
     hid::ReportDescriptor rd;
     std::string why;
@@ -157,8 +172,7 @@ std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
     std::vector<HidInterface> out;
     for (std::size_t k = 0; k < collections; ++k) {
         const auto which = collections > 1 ? std::optional<std::size_t>(k) : std::nullopt;
-        out.push_back(
-            {linux_hid::formatInterfacePath(dev_root_, named->second, which), hidrawNumber(node)});
+        out.push_back({linux_hid::formatInterfacePath(dev_root_, name, which), hidrawNumber(node)});
     }
     return out;
 }
@@ -166,15 +180,13 @@ std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
 std::vector<HidInterface> LinuxSystem::enumerate_interfaces(const std::string& interface_class) {
     if (interface_class != kHidClass) return {};
     int err = 0;
-    const std::vector<std::string> nodes = sysfs_.listNodes(err);
+    const auto found = interfacesByNode(err);
     if (err != 0)
         throw DevioException(SetupApiFailed, "hidraw class unreadable",
                              static_cast<std::uint32_t>(err));
     std::vector<HidInterface> out;
-    for (const std::string& node : nodes) {
-        std::vector<HidInterface> more = interfacesOf(node);
-        out.insert(out.end(), more.begin(), more.end());
-    }
+    for (const auto& [node, interfaces] : found)
+        out.insert(out.end(), interfaces.begin(), interfaces.end());
     return out;
 }
 
@@ -183,19 +195,23 @@ std::string LinuxSystem::resolve(const linux_hid::InterfacePath& path) {
     const std::string wanted = linux_hid::locationName(path.location);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto it = located_.find(path.location);
+        const auto it = located_.find(wanted);
         // The node remembered is checked again: it may be another device's
         // by now.
         if (it != located_.end() && sysfs_.location(it->second) == path.location) return it->second;
     }
+    // One walk names every node, so the devices opened after this one find
+    // theirs without walking again.
     int err = 0;
-    for (const auto& [node, name] : namesOf(sysfs_.listNodes(err))) {
-        if (name != wanted) continue;
-        std::lock_guard<std::mutex> lock(mutex_);
-        located_[path.location] = node;
-        return node;
+    std::string found;
+    const auto names = namesOf(sysfs_.listNodes(err));
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [node, name] : names) {
+        if (name == node) continue;  // no location of its own
+        located_[name] = node;
+        if (name == wanted) found = node;
     }
-    return {};
+    return found;
 }
 
 // A normal user cannot open hidraw nodes unless a udev rule grants it, and

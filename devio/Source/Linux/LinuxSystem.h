@@ -64,6 +64,8 @@ public:
     // For the device-change window: the interfaces of one node as the bus
     // names them, and the node behind an open handle (empty if none).
     std::vector<HidInterface> interfacesOf(const std::string& node);
+    // Every node's interfaces, named in one walk of the class.
+    std::map<std::string, std::vector<HidInterface>> interfacesByNode(int& sys_error);
     std::string nodeOfHandle(PlatformHandle handle);
     // For the Bluetooth binding: the address of the Bluetooth device behind
     // a path (from HID_UNIQ), and whether it is a Low Energy device (its HID
@@ -100,6 +102,7 @@ private:
     // The name each node is given in paths: its location, or the node itself
     // where it has none or shares it with another node.
     std::map<std::string, std::string> namesOf(const std::vector<std::string>& nodes);
+    std::vector<HidInterface> interfacesNamed(const std::string& node, const std::string& name);
     void warnIfDenied(const std::string& node, int err);
 
     linux_hid::SysfsHidraw sysfs_;
@@ -108,7 +111,7 @@ private:
     std::mutex mutex_;
     std::map<PlatformHandle, Entry> open_;        // guarded by mutex_
     std::uint32_t next_serial_ = 1;               // guarded by mutex_
-    std::map<std::string, std::string> located_;  // location to node; guarded by mutex_
+    std::map<std::string, std::string> located_;  // path name to node; guarded by mutex_
 };
 
 }  // namespace devio

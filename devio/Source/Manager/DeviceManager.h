@@ -80,6 +80,8 @@ public:
 
     // Subscribes to the bus's arrivals and removals and plugs what it has
     // now; false, with the reason in the record, when either failed.
+    // addBus for a bus at the top of the stack, kept among the tops.
+    bool addTopBus(const std::shared_ptr<IHardwareBus>& bus);
     bool addBus(const std::shared_ptr<IHardwareBus>& bus);
     // Unplugs the devices of the bus and forgets it.
     void removeBus(const std::shared_ptr<IHardwareBus>& bus);

@@ -8,6 +8,7 @@
 #include "Base/Timer.h"
 #include "Bus/Combiner/CombinerBus.h"
 #include "Bus/IHardwareDevice.h"
+#include "Bus/Pairing/PairingBus.h"
 #include "Device/Device.h"
 #include "Manager/DeviceManager.h"
 #include "Manager/ReceiverTable.h"
@@ -80,29 +81,40 @@ bool DeviceManager::connectToHardwareBusses() {
         bus = std::make_shared<CombinerBus>(bus, weak_from_this());
     }
     if (!bus->bluetooth_busses().empty()) {
-        // FIXME: insert the pairing filter here once it exists; until then
-        // a platform bus has no Bluetooth monitors, so this is not reached.
         DM_LOG(2, "connectToHardwareBusses", "inserting pairing filter");
+        bus = std::make_shared<PairingBus>(bus, weak_from_this());
     }
     const auto secondary = bus->secondary_busses();
-    if (!addBus(bus)) {
+    if (!addTopBus(bus)) {
         DM_LOG(2, "connectToHardwareBusses", "connectToHardwareBusses exit, false");
         return false;
     }
-    {
-        std::lock_guard<std::mutex> lock(list_mutex);
-        top_busses.insert(bus);
-    }
     for (const auto& extra : secondary) {
         DM_LOG(2, "connectToHardwareBusses", "DeviceManager adding a secondary bus");
-        if (!addBus(extra)) {
+        if (!addTopBus(extra)) {
             DM_LOG(2, "connectToHardwareBusses", "connectToHardwareBusses exit, false");
             return false;
         }
-        std::lock_guard<std::mutex> lock(list_mutex);
-        top_busses.insert(extra);
     }
     DM_LOG(2, "connectToHardwareBusses", "connectToHardwareBusses exit, true");
+    return true;
+}
+
+bool DeviceManager::addTopBus(const std::shared_ptr<IHardwareBus>& bus) {
+    try {
+        if (!addBus(bus)) return false;
+    } catch (...) {
+        // A damaged file that the bus reads once told its directory throws
+        // out of the start. The bus runs by then: it stays one of the tops,
+        // to go with the others, and the stack counts as built, so that the
+        // next call does not build a second one beside it.
+        std::lock_guard<std::mutex> lock(list_mutex);
+        top_busses.insert(bus);
+        hw_started = true;
+        throw;
+    }
+    std::lock_guard<std::mutex> lock(list_mutex);
+    top_busses.insert(bus);
     return true;
 }
 
