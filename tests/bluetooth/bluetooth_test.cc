@@ -20,6 +20,7 @@
 #include "Base/Subscriber.h"
 #include "BluezMock.h"
 #include "Bus/IBluetoothDevice.h"
+#include "Device/IDevice.h"
 #include "Manager/CDevio.h"
 #include "RunLoopHost.h"
 #include "SimHost.h"
@@ -397,6 +398,79 @@ TEST(Bluetooth, BlueZThatEndsTakesItsRadios) {
         (std::set<std::string>{"fast-disconnect", "disconnect", std::string("radio- ") + kHci0,
                                std::string("radio- ") + kHci1}));
     EXPECT_FALSE(device->radio_present(kHci1));
+}
+
+// Arrivals, removals and connections as the library's host sees them.
+class HostView : public devio::Subscriber<devio::IDeviceManager::ArrivalRemoval>,
+                 public devio::Subscriber<devio::IDevice::Connect> {
+public:
+    void onDeviceArrival(const std::shared_ptr<devio::IDevice>& d) override {
+        add("arrival " + std::to_string(d->bustype()));
+    }
+    void onDeviceRemoval(const std::shared_ptr<devio::IDevice>&) override { add("removal"); }
+    void onConnect(const std::shared_ptr<devio::IDevice>&, bool) override { add("connect"); }
+    void onDisconnect(const std::shared_ptr<devio::IDevice>&) override { add("disconnect"); }
+    bool watch() {
+        return Subscriber<devio::IDeviceManager::ArrivalRemoval>::subscribe(cdevio.manager(),
+                                                                            devio::DeliveryDirect);
+    }
+    bool follow(const std::shared_ptr<devio::IDevice>& device) {
+        return Subscriber<devio::IDevice::Connect>::subscribe(device, devio::DeliveryDirect);
+    }
+    void leave(const std::shared_ptr<devio::IDevice>& device) {
+        Subscriber<devio::IDevice::Connect>::unsubscribe(device);
+        Subscriber<devio::IDeviceManager::ArrivalRemoval>::unsubscribe(cdevio.manager());
+    }
+    bool saw(const std::string& what, std::size_t times = 1) {
+        return eventually(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                return static_cast<std::size_t>(std::count(seen_.begin(), seen_.end(), what)) >=
+                       times;
+            },
+            std::chrono::milliseconds(10000));
+    }
+
+private:
+    void add(const std::string& what) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        seen_.push_back(what);
+    }
+    std::mutex mutex_;
+    std::vector<std::string> seen_;  // guarded by mutex_
+};
+
+// The whole library on a machine with BlueZ: the paired classic device
+// arrives through the pairing filter as bus type 2, its disconnection and
+// connection in BlueZ reach the host as the device's, and its unpairing
+// removes it.
+TEST(Bluetooth, ThePairingFilterHearsTheMonitor) {
+    Stage stage;
+    ASSERT_TRUE(stage.mock.ok());
+    simtest::SimMachine sim(
+        R"({"devices": [{"id": "keys", "pid": "0xB35B", "bus": "bluetooth"}]})");
+    const std::string address =
+        nodeAddress(sim.machine().sysfsRoot(), sim.machine().hidrawOf("keys"));
+    auto& mock = stage.mock;
+    ASSERT_EQ(mock.addAdapter("hci0"), "");
+    ASSERT_EQ(mock.addDevice("hci0", address, "Vantrel Keys"), "");
+    ASSERT_EQ(mock.pairDevice("hci0", address), "");
+    ASSERT_EQ(mock.connectDevice("hci0", address), "");
+    simtest::use_machine(sim);
+    HostView view;
+    ASSERT_TRUE(view.watch());
+    const auto devices = cdevio.devices();
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0]->bustype(), 2);
+    ASSERT_TRUE(view.follow(devices[0]));
+
+    ASSERT_EQ(mock.disconnectDevice("hci0", address), "");
+    EXPECT_TRUE(view.saw("disconnect"));
+    ASSERT_EQ(mock.connectDevice("hci0", address), "");
+    EXPECT_TRUE(view.saw("connect"));
+    ASSERT_EQ(mock.removeDevice("hci0", address), "");
+    EXPECT_TRUE(view.saw("removal"));
+    view.leave(devices[0]);
 }
 
 // Without BlueZ, whether the system bus is there or not, the monitor is
