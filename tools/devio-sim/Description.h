@@ -91,7 +91,11 @@ struct DeviceDescription {
     std::uint16_t vid = 0x2E5A;
     std::uint16_t pid = 0;
     std::uint16_t release = 0x0100;  // bcdDevice
-    std::string bus = "usb";         // "usb" or "bluetooth"
+    std::string bus = "usb";         // "usb", "bluetooth" (classic) or "ble" (Low Energy)
+    // Bluetooth only: the device's address in HID_UNIQ; empty gives one made
+    // from the product id and the port. Several nodes of one Low Energy
+    // device share it.
+    std::string address;
     std::string serial;
 
     int vxp = 2;  // 1: answers registers only

@@ -1,5 +1,6 @@
 #include "DescriptionJson.h"
 
+#include <cctype>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
@@ -107,6 +108,16 @@ std::uint32_t stableHash(const std::string& s) {
     std::uint32_t h = 2166136261u;
     for (char c : s) h = (h ^ static_cast<Byte>(c)) * 16777619u;
     return h;
+}
+
+bool validAddress(const std::string& text) {
+    if (text.size() != 17) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool colon = i % 3 == 2;
+        if (colon != (text[i] == ':')) return false;
+        if (!colon && !std::isxdigit(static_cast<unsigned char>(text[i]))) return false;
+    }
+    return true;
 }
 
 std::vector<Collection> parseCollections(const json& v, const std::string& where) {
@@ -280,7 +291,11 @@ DeviceDescription parseDevice(const json& v, const std::string& where, bool pair
     } else {
         take(v, "bus", d.bus, where);
         take(v, "plugged", d.plugged, where);
-        if (d.bus != "usb" && d.bus != "bluetooth") fail(where + ".bus", "usb or bluetooth");
+        if (d.bus != "usb" && d.bus != "bluetooth" && d.bus != "ble")
+            fail(where + ".bus", "usb, bluetooth or ble");
+        take(v, "address", d.address, where);
+        if (!d.address.empty() && (d.bus == "usb" || !validAddress(d.address)))
+            fail(where + ".address", "a Bluetooth address such as 00:1f:20:b4:01:01");
         if (v.contains("collections")) {
             d.collections = parseCollections(v.at("collections"), where + ".collections");
         } else {

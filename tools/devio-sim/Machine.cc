@@ -24,6 +24,7 @@ Machine::Machine(MachineDescription description, std::string dir) : tree_(std::m
     for (DeviceDescription& d : description.devices) {
         auto unit = std::make_unique<Unit>();
         unit->identity = identity(d.name, d.vid, d.pid, d.release, d.serial, d.bus);
+        unit->identity.address = d.address;
         unit->collections = d.collections;
         unit->start_plugged = d.plugged;
         unit->device = std::make_unique<SimDevice>(std::move(d));

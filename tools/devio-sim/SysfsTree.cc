@@ -32,27 +32,36 @@ bool write(const fs::path& path, const std::string& text, std::string& why) {
     return true;
 }
 
+bool overBluetooth(const NodeIdentity& id) {
+    return id.bus == "bluetooth" || id.bus == "ble";
+}
+
 unsigned busOf(const NodeIdentity& id) {
-    return id.bus == "bluetooth" ? kBusBluetooth : kBusUsb;
+    return overBluetooth(id) ? kBusBluetooth : kBusUsb;
 }
 
 // A stable Bluetooth address for a simulated device.
 std::string address(const NodeIdentity& id) {
+    if (!id.address.empty()) return id.address;
     return "00:1f:20:" + hex(id.pid >> 8, 2, false) + ":" + hex(id.pid & 0xFF, 2, false) + ":" +
            hex(static_cast<unsigned>(id.port & 0xFF), 2, false);
 }
 }  // namespace
 
+// A classic device's HID device hangs below its connection to the radio;
+// a Low Energy device's below uhid, which all of them share, as BlueZ makes
+// them.
 std::string SysfsTree::physicalDir(const NodeIdentity& id) {
     const std::string port = std::to_string(id.port);
     if (id.bus == "bluetooth") return "sim/bluetooth/hci0/hci0:" + port;
+    if (id.bus == "ble") return "virtual/misc/uhid";
     return "sim/usb1/1-" + port;
 }
 
 std::string SysfsTree::hidDir(const NodeIdentity& id) {
     const std::string name = hex(busOf(id), 4) + ":" + hex(id.vid, 4) + ":" + hex(id.pid, 4) + "." +
                              hex(static_cast<unsigned>(id.hid_sequence & 0xFFFF), 4);
-    if (id.bus == "bluetooth") return physicalDir(id) + "/" + name;
+    if (overBluetooth(id)) return physicalDir(id) + "/" + name;
     return physicalDir(id) + "/1-" + std::to_string(id.port) + ":1.0/" + name;
 }
 
@@ -92,7 +101,7 @@ bool SysfsTree::add(int hidraw, const NodeIdentity& id, std::string& why) const 
             return false;
         }
     }
-    const bool bt = id.bus == "bluetooth";
+    const bool bt = overBluetooth(id);
     const std::string phys_text =
         bt ? "00:1a:7d:da:71:13" : "usb-sim-1-" + std::to_string(id.port) + "/input0";
     const std::string uniq = bt ? address(id) : id.serial;
@@ -132,7 +141,9 @@ bool SysfsTree::publish(int hidraw, const NodeIdentity& id, std::string& why) co
 void SysfsTree::remove(int hidraw, const NodeIdentity& id) const {
     std::error_code ec;
     fs::remove(sysfsRoot() + "/class/hidraw/hidraw" + std::to_string(hidraw), ec);
-    fs::remove_all(fs::path(sysfsRoot() + "/devices") / physicalDir(id), ec);
+    // uhid stays for the other Low Energy devices.
+    const std::string gone = id.bus == "ble" ? hidDir(id) : physicalDir(id);
+    fs::remove_all(fs::path(sysfsRoot() + "/devices") / gone, ec);
 }
 
 }  // namespace devio_sim

@@ -10,12 +10,13 @@ namespace devio_sim {
 
 // What the simulated sysfs tells about one HID node.
 struct NodeIdentity {
-    std::string bus = "usb";  // "usb" or "bluetooth"
+    std::string bus = "usb";  // "usb", "bluetooth" (classic) or "ble" (Low Energy)
     std::uint16_t vid = 0;
     std::uint16_t pid = 0;
     std::uint16_t release = 0;
     std::string name;
     std::string serial;
+    std::string address;   // Bluetooth: HID_UNIQ; empty gives one from pid and port
     int port = 1;          // where it sits; stays the same across replugs
     int hid_sequence = 1;  // the running number of the HID device
     std::vector<Byte> descriptor;

@@ -5,20 +5,28 @@
 #include <string>
 #include <vector>
 
+namespace devio {
+struct BluetoothChange;
+}
+
 namespace devio::linux_hid {
 
 // What a source of device-change notifications tells the bus's window.
 struct NodeEvent {
     enum Kind {
-        Added,    // a hidraw node appeared: `node`
-        Removed,  // a hidraw node went: `node`
-        Unbound,  // the HID device at `syspath` lost its driver; its nodes go next
-        Resumed,  // the machine woke from sleep
-        Lost,     // the source lost events; what is there must be looked at again
+        Added,         // a hidraw node appeared: `node`
+        Removed,       // a hidraw node went: `node`
+        Unbound,       // the HID device at `syspath` lost its driver; its nodes go next
+        Resumed,       // the machine woke from sleep
+        Lost,          // the source lost events; what is there must be looked at again
+        RadioAdded,    // a Bluetooth radio appeared: `node` is its path
+        RadioRemoved,  // a Bluetooth radio went: `node`
+        Bluetooth,     // the Bluetooth stack told of a remote device: `bluetooth`
     };
     Kind kind;
     std::string node;
     std::string syspath;
+    std::shared_ptr<const BluetoothChange> bluetooth = nullptr;
 };
 
 // One source, polled by the window thread among the others. Everything is
@@ -44,5 +52,9 @@ std::unique_ptr<IChangeSource> openUdevMonitor(int& sys_error);
 // Resume from logind's PrepareForSleep(false) on the system bus. Null, with
 // the reason in `why`, where there is no system bus.
 std::unique_ptr<IChangeSource> openLogindResume(std::string& why);
+// Radios and remote devices of BlueZ on the system bus. Null, with the reason
+// in `why` and an errno in `sys_error`, where there is no system bus or no
+// BlueZ on it.
+std::unique_ptr<IChangeSource> openBluezWatch(std::string& why, int& sys_error);
 
 }  // namespace devio::linux_hid

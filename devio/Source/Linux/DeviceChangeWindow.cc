@@ -15,6 +15,7 @@
 #include "Base/ClassLog.h"
 #include "Base/DevioException.h"
 #include "Linux/SysfsHidraw.h"
+#include "Windows/BluetoothSystem.h"
 
 namespace devio {
 
@@ -32,6 +33,7 @@ DeviceChangeWindow::DeviceChangeWindow(std::shared_ptr<LinuxSystem> system, Watc
 DeviceChangeWindow::~DeviceChangeWindow() {
     nodes_.reset();
     resume_.reset();
+    bluetooth_.reset();
     if (wake_fd_ >= 0) ::close(wake_fd_);
 }
 
@@ -87,14 +89,18 @@ int DeviceChangeWindow::get_message(WindowMessage& out) {
 }
 
 void DeviceChangeWindow::pollSources() {
-    pollfd fds[3] = {{wake_fd_, POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}};
+    linux_hid::IChangeSource* sources[] = {nodes_.get(), resume_.get(), bluetooth_.get()};
+    constexpr std::size_t kSources = sizeof sources / sizeof sources[0];
+    pollfd fds[1 + kSources] = {{wake_fd_, POLLIN, 0}};
     int timeout = -1;
-    if (nodes_) fds[1] = {nodes_->fd(), nodes_->events(), 0};
-    if (resume_) {
-        fds[2] = {resume_->fd(), resume_->events(), 0};
-        timeout = resume_->timeoutMs();
+    for (std::size_t i = 0; i < kSources; ++i) {
+        fds[1 + i] = {-1, 0, 0};
+        if (sources[i] == nullptr) continue;
+        fds[1 + i] = {sources[i]->fd(), sources[i]->events(), 0};
+        const int wanted = sources[i]->timeoutMs();
+        if (wanted >= 0 && (timeout < 0 || wanted < timeout)) timeout = wanted;
     }
-    if (::poll(fds, 3, timeout) < 0) return;  // EINTR: the caller looks again
+    if (::poll(fds, 1 + kSources, timeout) < 0) return;  // EINTR: the caller looks again
     if (fds[0].revents & POLLIN) {
         std::uint64_t value = 0;
         [[maybe_unused]] const auto got = ::read(wake_fd_, &value, sizeof value);
@@ -103,6 +109,7 @@ void DeviceChangeWindow::pollSources() {
     if (nodes_ && fds[1].revents != 0) nodes_->drain(events);
     // sd-bus also wants to run when its time-out passes, with nothing to read.
     if (resume_) resume_->drain(events);
+    if (bluetooth_) bluetooth_->drain(events);
     for (const auto& event : events) apply(event);
 }
 
@@ -126,6 +133,25 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
         case NodeEvent::Lost:
             rescan();
             break;
+        case NodeEvent::RadioAdded:
+        case NodeEvent::RadioRemoved: {
+            DeviceChangeHeader header;
+            header.device_type = device_change::kInterface;
+            header.interface_class = kBluetoothRadioClass;
+            header.path = event.node;
+            deviceChange(event.kind == NodeEvent::RadioAdded ? device_change::kArrival
+                                                             : device_change::kRemoveComplete,
+                         std::move(header));
+            break;
+        }
+        case NodeEvent::Bluetooth: {
+            DeviceChangeHeader header;
+            header.device_type = device_change::kHandle;
+            header.path = event.node;
+            header.bluetooth = event.bluetooth;
+            deviceChange(device_change::kCustomEvent, std::move(header));
+            break;
+        }
     }
 }
 
@@ -271,8 +297,28 @@ std::uintptr_t DeviceChangeWindow::register_handle_notification(PlatformHandle h
     return notification;
 }
 
+// The radio class brings the Bluetooth stack's events, from the moment of
+// the first registration to the end of the last.
+std::uintptr_t DeviceChangeWindow::watchRadios(std::uint32_t& sys_error) {
+    if (!bluetooth_) {
+        std::string why;
+        int err = 0;
+        bluetooth_ = linux_hid::openBluezWatch(why, err);
+        if (!bluetooth_) {
+            DEVIO_LOG("DeviceChangeWindow", 1, "register_interface_notification",
+                      "-bt- cannot watch Bluetooth radios (%s)", why.c_str());
+            sys_error = static_cast<std::uint32_t>(err);
+            return 0;
+        }
+    }
+    const std::uintptr_t notification = next_notification_++;
+    interfaces_[notification] = kBluetoothRadioClass;
+    return notification;
+}
+
 std::uintptr_t DeviceChangeWindow::register_interface_notification(
     const std::string& interface_class, std::uint32_t& sys_error) {
+    if (interface_class == kBluetoothRadioClass) return watchRadios(sys_error);
     if (interface_class != system_->hid_interface_class()) {
         sys_error = EINVAL;
         return 0;
@@ -303,8 +349,16 @@ std::uintptr_t DeviceChangeWindow::register_interface_notification(
 bool DeviceChangeWindow::unregister_notification(std::uintptr_t notification,
                                                  std::uint32_t& sys_error) {
     if (handles_.erase(notification) != 0) return true;
-    if (interfaces_.erase(notification) != 0) {
-        if (interfaces_.empty()) {
+    const auto it = interfaces_.find(notification);
+    if (it != interfaces_.end()) {
+        const std::string interface_class = it->second;
+        interfaces_.erase(it);
+        for (const auto& [other, still] : interfaces_) {
+            if (still == interface_class) return true;
+        }
+        if (interface_class == kBluetoothRadioClass) {
+            bluetooth_.reset();
+        } else {
             nodes_.reset();
             known_.clear();
         }

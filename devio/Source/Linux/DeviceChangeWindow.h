@@ -18,7 +18,9 @@ namespace devio {
 
 // The bus's window on Linux: a message queue woken by an eventfd, polled
 // together with the sources of device changes (udev on the real machine, an
-// inotify watch of a simulated one, logind for resume). Node events become
+// inotify watch of a simulated one, logind for resume, BlueZ for radios and
+// Bluetooth devices once someone registers for the radio class). Node events
+// become
 // the messages a window would get: an arrival per interface of a new node;
 // for a node that goes, first a removal request for each handle registered
 // on it, then a removal per interface it had. The interfaces of each node
@@ -65,6 +67,7 @@ private:
     void removalRequests(const std::string& node);
     void rescan();
     void deviceChange(unsigned event, DeviceChangeHeader header);
+    std::uintptr_t watchRadios(std::uint32_t& sys_error);
 
     std::shared_ptr<LinuxSystem> system_;
     const Watch watch_;
@@ -81,6 +84,7 @@ private:
     // Window thread only.
     std::unique_ptr<linux_hid::IChangeSource> nodes_;
     std::unique_ptr<linux_hid::IChangeSource> resume_;
+    std::unique_ptr<linux_hid::IChangeSource> bluetooth_;
     std::map<std::string, Known> known_;  // node to what it had
     std::map<std::uintptr_t, std::pair<PlatformHandle, std::string>> handles_;
     std::map<std::uintptr_t, std::string> interfaces_;

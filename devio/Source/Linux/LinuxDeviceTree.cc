@@ -28,6 +28,11 @@ std::string LinuxSystem::setupdi_instance_from_devnode(std::uint32_t devnode) {
 
 // A device directly below <sysfs>/devices is a root: its parent is no
 // device, and the walk stands still, as it does for any failure.
+//
+// The HID device of a Bluetooth device hangs below uhid (Low Energy, shared
+// by every such device) or below one connection of the radio, neither of
+// which is the device; its parent is named after the device's address
+// instead, so that the pieces of one device meet and those of two never do.
 std::string LinuxSystem::setupdi_parent(const std::string& instance) {
     if (instance.empty()) return instance;
     const std::string real = linux_hid::resolveCaseInsensitive(instance);
@@ -35,6 +40,16 @@ std::string LinuxSystem::setupdi_parent(const std::string& instance) {
     if (real.empty() || devices.empty()) return instance;
     const auto slash = real.rfind('/');
     const std::string parent = real.substr(0, slash);
+    std::string text;
+    int err = 0;
+    std::uint64_t address = 0;
+    if (linux_hid::readSmallFile(real + "/uevent", text, err)) {
+        const linux_hid::Uevent ev = linux_hid::parseUevent(text);
+        if (ev.has_id && ev.bus == linux_hid::kBusBluetooth &&
+            linux_hid::parseBluetoothAddress(ev.uniq, address)) {
+            return linux_hid::toLower(parent + "/bluetooth-" + ev.uniq);
+        }
+    }
     if (!isUnder(parent, devices)) return instance;
     return linux_hid::toLower(parent);
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 #include "Base/ClassLog.h"
@@ -29,6 +30,23 @@ constexpr std::uint16_t kMakerVendorId = 0x2E5A;
 
 std::uint32_t hidrawNumber(const std::string& node) {
     return static_cast<std::uint32_t>(std::stoul(node.substr(6)));
+}
+
+std::map<std::string, int> countClaims(const std::map<std::string, std::string>& where) {
+    std::map<std::string, int> count;
+    for (const auto& [node, location] : where) {
+        if (!location.empty()) ++count[location];
+    }
+    return count;
+}
+
+// FNV-1a, eight hexadecimal digits: short, and the same on every machine.
+std::string digestOf(const std::vector<std::uint8_t>& bytes) {
+    std::uint32_t hash = 2166136261u;
+    for (std::uint8_t b : bytes) hash = (hash ^ b) * 16777619u;
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", hash);
+    return text;
 }
 
 }  // namespace
@@ -91,17 +109,35 @@ std::string LinuxSystem::hid_interface_class() {
 
 std::map<std::string, std::string> LinuxSystem::namesOf(const std::vector<std::string>& nodes) {
     std::map<std::string, std::string> where;
-    std::map<std::string, int> count;
-    for (const std::string& node : nodes) {
-        where[node] = sysfs_.location(node);
-        if (!where[node].empty()) ++count[where[node]];
+    for (const std::string& node : nodes) where[node] = sysfs_.location(node);
+    // Several nodes of one device (a Low Energy device with several HID
+    // services) share its location; each keeps its report descriptor across
+    // reconnects, and that tells them apart.
+    auto claims = countClaims(where);
+    for (auto& [node, location] : where) {
+        std::vector<std::uint8_t> bytes;
+        int err = 0;
+        if (!location.empty() && claims[location] > 1 && sysfs_.readDescriptor(node, bytes, err))
+            location += "-" + digestOf(bytes);
     }
-    // Two devices never share a path: a location that two nodes claim names
-    // neither of them.
+    // Two devices never share a path: a location that two nodes still claim
+    // names neither of them.
+    claims = countClaims(where);
     for (auto& [node, location] : where)
         location =
-            location.empty() || count[location] > 1 ? node : linux_hid::locationName(location);
+            location.empty() || claims[location] > 1 ? node : linux_hid::locationName(location);
     return where;
+}
+
+bool LinuxSystem::bluetoothIdentity(const std::string& path, std::uint64_t& address,
+                                    bool& low_energy) {
+    const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
+    const std::string node = parsed ? resolve(*parsed) : std::string();
+    const auto found = node.empty() ? std::nullopt : sysfs_.bluetoothNode(node);
+    if (!found) return false;
+    address = found->address;
+    low_energy = found->low_energy;
+    return true;
 }
 
 std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {

@@ -67,6 +67,10 @@ public:
     // Every node's interfaces, named in one walk of the class.
     std::map<std::string, std::vector<HidInterface>> interfacesByNode(int& sys_error);
     std::string nodeOfHandle(PlatformHandle handle);
+    // For the Bluetooth binding: the address of the Bluetooth device behind
+    // a path (from HID_UNIQ), and whether it is a Low Energy device (its HID
+    // device made by BlueZ through uhid). False for any other device.
+    bool bluetoothIdentity(const std::string& path, std::uint64_t& address, bool& low_energy);
     const linux_hid::SysfsHidraw& sysfs() const { return sysfs_; }
     const std::string& devRoot() const { return dev_root_; }
 

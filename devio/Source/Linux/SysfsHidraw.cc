@@ -21,7 +21,6 @@ namespace {
 // How far above the HID device its USB device may sit (USB interface, USB
 // device).
 constexpr int kMaxAncestorSteps = 2;
-constexpr std::uint32_t kBusBluetooth = 0x0005;
 
 bool parseHex(const std::string& text, std::uint32_t& out) {
     if (text.empty() || text.size() > 8) return false;
@@ -218,6 +217,34 @@ std::string SysfsHidraw::location(const std::string& node) const {
     // '#' marks the collection in a path.
     std::replace(where.begin(), where.end(), '#', '_');
     return toLower(where);
+}
+
+bool parseBluetoothAddress(const std::string& text, std::uint64_t& out) {
+    constexpr std::size_t kAddressChars = 17;
+    if (text.size() != kAddressChars) return false;
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (i % 3 == 2) {
+            if (text[i] != ':') return false;
+            continue;
+        }
+        std::uint32_t digit = 0;
+        if (!parseHex(text.substr(i, 1), digit)) return false;
+        value = (value << 4) | digit;
+    }
+    out = value;
+    return true;
+}
+
+std::optional<BluetoothNode> SysfsHidraw::bluetoothNode(const std::string& node) const {
+    const auto ev = readUevent(node);
+    BluetoothNode out;
+    if (!ev || !ev->has_id || ev->bus != kBusBluetooth ||
+        !parseBluetoothAddress(ev->uniq, out.address)) {
+        return std::nullopt;
+    }
+    out.low_energy = deviceDirectory(node).find("/virtual/misc/uhid/") != std::string::npos;
+    return out;
 }
 
 std::string resolveCaseInsensitive(const std::string& path) {

@@ -7,6 +7,9 @@
 
 namespace devio::linux_hid {
 
+// The bus number of Bluetooth in HID_ID.
+inline constexpr std::uint32_t kBusBluetooth = 0x0005;
+
 // What the kernel tells about a HID device in its uevent file.
 struct Uevent {
     bool has_id = false;
@@ -21,6 +24,17 @@ struct Uevent {
 // Parses the text of a uevent file. Lines that are not KEY=VALUE and keys
 // other than the HID ones are ignored; a malformed HID_ID leaves has_id false.
 Uevent parseUevent(const std::string& text);
+
+// A Bluetooth device behind a node.
+struct BluetoothNode {
+    std::uint64_t address = 0;  // from HID_UNIQ
+    // BlueZ makes the HID devices of Low Energy devices through uhid; those
+    // of classic devices hang below the radio's connection.
+    bool low_energy = false;
+};
+
+// "aa:bb:cc:dd:ee:ff" in either case; false for anything else.
+bool parseBluetoothAddress(const std::string& text, std::uint64_t& out);
 
 // Reads the hidraw class of a sysfs tree. The root is configurable so that a
 // prepared tree can stand in for /sys. Stateless apart from the root: any
@@ -50,6 +64,9 @@ public:
     // HID_PHYS names only the adapter, the device's address from HID_UNIQ.
     // Lower case, without '#'; empty when the kernel tells none.
     std::string location(const std::string& node) const;
+    // The Bluetooth device behind a node; nothing for a node of another bus
+    // or without an address.
+    std::optional<BluetoothNode> bluetoothNode(const std::string& node) const;
 
     // The sysfs directory of the HID device behind a node, resolved through
     // symbolic links; empty if the node does not exist.

@@ -9,6 +9,8 @@
 
 namespace devio {
 
+struct BluetoothChange;
+
 // Message numbers of the bus's window, as the platform numbers them.
 namespace window_message {
 inline constexpr unsigned kDestroy = 2;
@@ -41,6 +43,8 @@ struct DeviceChangeHeader {
     std::string path;
     std::uintptr_t notification = 0;
     PlatformHandle handle = kInvalidHandle;
+    // What a custom event of the Bluetooth stack tells; null for others.
+    std::shared_ptr<const BluetoothChange> bluetooth;
 };
 
 // One message taken from the window's queue. For kDeviceChange `header`

@@ -4,14 +4,37 @@
 #include "Base/DevioException.h"
 #include "Base/ErrorRecord.h"
 #include "Base/InstanceCount.h"
+#include "Manager/IDeviceManager.h"
+#include "Windows/BluetoothMicrosoftBus.h"
 #include "Windows/Win32Device.h"
 
 namespace devio {
 
+namespace {
+// Configuration items of the manager that the platform bus reads.
+constexpr unsigned kConfigBluetoothActive = 0;
+constexpr unsigned kConfigBleActive = 1;
+}  // namespace
+
 std::shared_ptr<Win32Bus> Win32Bus::create(std::weak_ptr<IDeviceManager> manager) {
-    // No Bluetooth monitor or secondary bus exists on this platform yet; the
-    // lists stay empty and the window thread hands its messages on to none.
-    return std::shared_ptr<Win32Bus>(new Win32Bus(std::move(manager)));
+    auto bus = std::shared_ptr<Win32Bus>(new Win32Bus(std::move(manager)));
+    bus->init();
+    return bus;
+}
+
+// The Bluetooth monitor is made even when Bluetooth is switched off: its
+// presence is what puts the pairing filter into the stack.
+void Win32Bus::init() {
+    bool bluetooth_active = false;
+    bool ble_active = false;
+    if (auto manager = manager_.lock()) {
+        manager->config_get(kConfigBluetoothActive, &bluetooth_active);
+        manager->config_get(kConfigBleActive, &ble_active);
+    } else {
+        set_error(ShuttingDown);
+    }
+    bluetooth_monitors_.push_back(
+        std::make_shared<BluetoothMicrosoftBus>(weak_from_this(), bluetooth_active || ble_active));
 }
 
 Win32Bus::Win32Bus(std::weak_ptr<IDeviceManager> manager) : manager_(std::move(manager)) {

@@ -26,7 +26,8 @@ struct Win32BusRequest;
 // turns the platform's device-change notifications into onPlug, onUnplug
 // and onPowerChange, and owns the file handles of its devices once they
 // registered for removal requests, so that a request can close a handle at
-// once whichever object uses it.
+// once whichever object uses it. Its Bluetooth monitor, made at `init`,
+// gets every device-change message after the bus has handled it.
 //
 // Threads: a window thread of its own receives the notifications, runs
 // every registration and produces the bus's events; any other thread calls
@@ -67,9 +68,13 @@ public:
     void closeTrackedHandle(std::uintptr_t notification, PlatformHandle handle);
     void read_failed_with_disconnect_error(const std::string& path);
     bool verify_device_exists(const std::string& path);
+    // Tells the manager of a failure that no caller can receive.
+    void reportToManager(const char* where);
 
 protected:
     explicit Win32Bus(std::weak_ptr<IDeviceManager> manager = {});
+    // Makes the monitors; needs the shared pointer to this bus.
+    void init();
     bool on_subscribe(IHardwareBus::PlugUnplug* subscriber) override;
 
 private:
@@ -83,7 +88,6 @@ private:
     void serveRequest(Win32BusRequest& request);
     void processDeviceChange(unsigned event, const DeviceChangeHeader* header);
     void produceForPath(unsigned event, const std::string& path, bool arrival);
-    void reportToManager(const char* where);
     std::uintptr_t registerDeviceNotificationAndTakeOwnershipOfHandle_worker(PlatformHandle handle);
     void unregisterDeviceNotificationAndCloseTrackedHandle_worker(std::uintptr_t notification,
                                                                   PlatformHandle handle);
