@@ -134,10 +134,21 @@ bool LinuxSystem::bluetoothIdentity(const std::string& path, std::uint64_t& addr
     const auto parsed = linux_hid::parseInterfacePath(dev_root_, path);
     const std::string node = parsed ? resolve(*parsed) : std::string();
     const auto found = node.empty() ? std::nullopt : sysfs_.bluetoothNode(node);
-    if (!found) return false;
-    address = found->address;
-    low_energy = found->low_energy;
-    return true;
+    if (found) {
+        address = found->address;
+        low_energy = found->low_energy;
+        return true;
+    }
+    // A paired device that is switched off has no node, and its path still
+    // names its address; which bearer it uses only the Bluetooth stack knows.
+    constexpr std::size_t kAddressChars = 17;
+    if (!parsed || !node.empty() || parsed->location.rfind("bt-", 0) != 0 ||
+        parsed->location.size() < 3 + kAddressChars) {
+        return false;
+    }
+    low_energy = false;
+    return linux_hid::parseBluetoothAddress(
+        parsed->location.substr(parsed->location.size() - kAddressChars), address);
 }
 
 std::vector<HidInterface> LinuxSystem::interfacesOf(const std::string& node) {
