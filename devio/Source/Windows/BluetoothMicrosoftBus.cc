@@ -77,6 +77,7 @@ std::shared_ptr<IBluetoothSystem> BluetoothMicrosoftBus::bluetooth() {
     try {
         bus->lazyStart(&system_);
         bluetooth_ = makePlatformBluetooth(system_);
+        events_stack_ = bluetooth_.get();
     } catch (const DevioException& e) {
         e.record();
         BT_LOG(1, "bluetooth", "-bt- the platform could not be reached");

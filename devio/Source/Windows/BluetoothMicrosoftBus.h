@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -65,6 +66,7 @@ private:
     void customEvent(const DeviceChangeHeader& header);
     void l2capEvent(const BluetoothChange& change);
     void inRangeEvent(const BluetoothChange& change);
+    bool radio_gone(const std::string& radio);
 
     std::weak_ptr<Win32Bus> bus_;
     bool active_;                                  // guarded by start_mutex_
@@ -73,6 +75,10 @@ private:
     std::shared_ptr<IBluetoothSystem> bluetooth_;  // guarded by start_mutex_
     std::uintptr_t interface_notification_ = 0;    // guarded by start_mutex_
     std::recursive_mutex start_mutex_;
+    // `bluetooth_` for the window thread, which must not wait for
+    // `start_mutex_`: its holder may be waiting for the window thread. Set
+    // once; the object lives as long as this bus.
+    std::atomic<IBluetoothSystem*> events_stack_{nullptr};
 
     std::set<std::string> radios_;  // guarded by radio_mutex_
     std::mutex radio_mutex_;

@@ -2,7 +2,9 @@
 // arrivals and removals, and the Bluetooth stack's custom events that tell
 // of connections and pairings. All of it runs on the window thread.
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "Base/ClassLog.h"
 #include "Windows/BluetoothMicrosoftBus.h"
@@ -166,11 +168,16 @@ void BluetoothMicrosoftBus::inRangeEvent(const BluetoothChange& change) {
             device->tell_disconnect();
         }
         if ((removed & (bdif::kPersonal | bdif::kLePersonal)) != 0) {
-            BT_LOG(2, "process_wm_devicechange",
-                   "Bluetooth device %s has unpaired (removed BDIF_PERSONAL or "
-                   "BDIF_LE_PERSONAL)",
-                   text.c_str());
-            device->tell_unpair(change.radio);
+            if (radio_gone(change.radio)) {
+                BT_LOG(3, "process_wm_devicechange", "-bt- %s went with its radio %s", text.c_str(),
+                       change.radio.c_str());
+            } else {
+                BT_LOG(2, "process_wm_devicechange",
+                       "Bluetooth device %s has unpaired (removed BDIF_PERSONAL or "
+                       "BDIF_LE_PERSONAL)",
+                       text.c_str());
+                device->tell_unpair(change.radio);
+            }
         }
     }
     if ((change.current_flags & kLeLink) == kLeLink && (added & kLeLink) != 0) {
@@ -178,6 +185,18 @@ void BluetoothMicrosoftBus::inRangeEvent(const BluetoothChange& change) {
         if (!device) device = get_or_make(change.address, 3);
         device->tell_connect(change.radio);
     }
+}
+
+// A radio that goes takes its device records with it, one by one, before
+// it is itself gone; the records come back with the radio, so a record
+// lost that way is no lost pairing. The stack has dropped the radio by the
+// time it is asked.
+bool BluetoothMicrosoftBus::radio_gone(const std::string& radio) {
+    IBluetoothSystem* stack = events_stack_.load();
+    if (!stack) return false;
+    std::uint32_t sys = 0;
+    const std::vector<std::string> now = stack->radios(sys);
+    return sys == 0 && std::find(now.begin(), now.end(), radio) == now.end();
 }
 
 }  // namespace devio
