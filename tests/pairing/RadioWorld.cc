@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "BluezRadio.h"
+
 namespace pairtest {
 
 using devio::IBluetoothBus;
@@ -22,15 +24,21 @@ std::string address_text(const std::string& uniq) {
 }
 }  // namespace
 
-std::shared_ptr<RadioWorld> make_world() {
+std::string world_name(World world) {
+    return world == World::Bluez ? "BlueZ" : "FakeRadio";
+}
+
+std::shared_ptr<RadioWorld> make_world(World world) {
+    if (world == World::Bluez) return std::make_shared<BluezRadio>();
     return std::make_shared<FakeRadio>();
 }
 
 FakeBtDevice::FakeBtDevice(std::weak_ptr<FakeRadio> radio, std::string address, int bustype,
-                           std::string paired_to)
+                           std::string paired_to, std::string name)
     : radio_(std::move(radio)),
       address_(std::move(address)),
       bustype_(bustype),
+      name_(std::move(name)),
       paired_to_(std::move(paired_to)) {}
 
 std::string FakeBtDevice::connected_radio(const std::string& /*path*/, int /*bustype*/) {
@@ -99,6 +107,14 @@ std::shared_ptr<IBluetoothDevice> FakeRadio::device_paired_on_path(const std::st
     return nullptr;
 }
 
+// The fake monitor hears the radio from the test, not from the bus's
+// device-change messages, and reads no configuration.
+std::shared_ptr<devio::IHardwareBus> FakeRadio::platform(
+    simtest::SimMachine& sim, std::weak_ptr<devio::IDeviceManager> /*manager*/,
+    std::shared_ptr<devio::IHardwareSecondaryBus> gatt) {
+    return std::make_shared<BluetoothSimBus>(sim, shared_from_this(), std::move(gatt));
+}
+
 void FakeRadio::add_radio(const std::string& radio) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -122,9 +138,10 @@ bool FakeRadio::has_radio(const std::string& radio) {
     return radios_.count(radio) != 0;
 }
 
-void FakeRadio::pair(const std::string& key, int bustype, const std::string& radio) {
-    auto device =
-        std::make_shared<FakeBtDevice>(weak_from_this(), address_text(key + ":01"), bustype, radio);
+void FakeRadio::pair(const std::string& key, int bustype, const std::string& radio,
+                     const std::string& name) {
+    auto device = std::make_shared<FakeBtDevice>(weak_from_this(), address_text(key + ":01"),
+                                                 bustype, radio, name);
     std::lock_guard<std::mutex> lock(mutex_);
     paired_[key] = device;
 }

@@ -1,15 +1,17 @@
 #pragma once
 
 // Test support: the Bluetooth side of a simulated machine. A story drives
-// pairing, connection and radios through `RadioWorld`, and hands the bus
-// stack `monitor()`; `make_world` picks the monitor. `FakeRadio` is one of
-// the test's own behind that interface; another monitor (one over BlueZ)
-// takes its place there, and the stories stay as they are.
+// pairing, connection and radios through `RadioWorld`, and builds its bus
+// stack on the world's `platform`; `make_world` picks the world. In
+// `FakeRadio` the monitor is one of the test's own; in the BlueZ world
+// (BluezRadio.h) it is the platform bus's real monitor over BlueZ played by
+// a mock, and the stories stay as they are.
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,6 +21,7 @@
 #include "Bus/IBluetoothDevice.h"
 #include "Bus/IHardwareBus.h"
 #include "Bus/IHardwareDevice.h"
+#include "Manager/IDeviceManager.h"
 #include "SimHost.h"
 
 namespace pairtest {
@@ -28,19 +31,33 @@ namespace pairtest {
 class RadioWorld {
 public:
     virtual ~RadioWorld() = default;
-    virtual std::shared_ptr<devio::IBluetoothBus> monitor() = 0;
+    // Empty when the world is ready, else why it is not.
+    virtual std::string trouble() { return {}; }
+    // The machine's platform bus with its Bluetooth monitor and, when given,
+    // a GATT transport; `manager` is the one whose configuration it reads.
+    virtual std::shared_ptr<devio::IHardwareBus> platform(
+        simtest::SimMachine& sim, std::weak_ptr<devio::IDeviceManager> manager,
+        std::shared_ptr<devio::IHardwareSecondaryBus> gatt = nullptr) = 0;
     virtual void add_radio(const std::string& radio) = 0;
     virtual void remove_radio(const std::string& radio) = 0;
-    // Pairs the device to `radio`, as classic Bluetooth (2) or Low Energy (3).
-    virtual void pair(const std::string& key, int bustype, const std::string& radio) = 0;
+    // Pairs the device to `radio`, as classic Bluetooth (2) or Low Energy (3),
+    // under the name the radio knows it by.
+    virtual void pair(const std::string& key, int bustype, const std::string& radio,
+                      const std::string& name) = 0;
     virtual void connect(const std::string& key) = 0;
     virtual void disconnect(const std::string& key) = 0;
     // The radio says that the device lost its pairing with `radio`.
     virtual void unpair(const std::string& key, const std::string& radio) = 0;
 };
 
+enum class World { Fake, Bluez };
+std::string world_name(World world);
+inline void PrintTo(World world, std::ostream* out) {
+    *out << world_name(world);
+}
+
 // The radio the stories run over.
-std::shared_ptr<RadioWorld> make_world();
+std::shared_ptr<RadioWorld> make_world(World world);
 
 class FakeRadio;
 
@@ -51,14 +68,14 @@ class FakeBtDevice : public devio::IBluetoothDevice,
                      public devio::Producer<devio::IBluetoothDevice::BtUnpair> {
 public:
     FakeBtDevice(std::weak_ptr<FakeRadio> radio, std::string address, int bustype,
-                 std::string paired_to);
+                 std::string paired_to, std::string name);
 
     bool connected() override { return connected_; }
     std::string connected_radio(const std::string& path, int bustype) override;
     bool verify_pairing(std::string& radio) override;
     bool radio_present(const std::string& radio) override;
     int bustype() override { return bustype_; }
-    std::string name() override { return {}; }
+    std::string name() override { return name_; }
     bool verify_connection_following_timeout() override { return true; }
     std::shared_ptr<devio::IBluetoothBus> bus() override;
     std::string address() override { return address_; }
@@ -72,6 +89,7 @@ private:
     std::weak_ptr<FakeRadio> radio_;
     const std::string address_;
     const int bustype_;
+    const std::string name_;
     std::mutex mutex_;
     std::string paired_to_;  // guarded by mutex_
     std::atomic<bool> connected_{false};
@@ -85,10 +103,13 @@ public:
     std::shared_ptr<devio::IBluetoothDevice> device_paired_on_path(
         const std::string& path) override;
 
-    std::shared_ptr<devio::IBluetoothBus> monitor() override { return shared_from_this(); }
+    std::shared_ptr<devio::IHardwareBus> platform(
+        simtest::SimMachine& sim, std::weak_ptr<devio::IDeviceManager> manager,
+        std::shared_ptr<devio::IHardwareSecondaryBus> gatt) override;
     void add_radio(const std::string& radio) override;
     void remove_radio(const std::string& radio) override;
-    void pair(const std::string& key, int bustype, const std::string& radio) override;
+    void pair(const std::string& key, int bustype, const std::string& radio,
+              const std::string& name) override;
     void connect(const std::string& key) override { find(key)->connect(); }
     void disconnect(const std::string& key) override { find(key)->disconnect(); }
     void unpair(const std::string& key, const std::string& radio) override;

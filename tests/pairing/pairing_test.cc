@@ -3,7 +3,9 @@
 // above it where a story needs it) with a Bluetooth monitor that the story
 // drives through RadioWorld. The manager's platform bus is the simulated
 // machine's, reporting the monitor as a machine with a Bluetooth stack
-// does; the manager inserts the pairing filter itself.
+// does; the manager inserts the pairing filter itself. Every story runs in
+// two worlds: the test's own monitor, and the platform bus's real monitor
+// over BlueZ played by a mock.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <rapidxml/rapidxml.hpp>
@@ -49,29 +52,30 @@ using simtest::SimMachine;
 constexpr unsigned kBluetoothActive = 0, kBleActive = 1, kUseBlevx = 3, kCordedActive = 5;
 const std::string kRadio = "/org/bluez/hci0";
 const std::string kOtherRadio = "/org/bluez/hci1";
-// Every path of the simulated Bluetooth devices carries its address, made
-// from the product id: 00:1f:20:b3:5b:.. for 0xB35B.
+// Every path of a simulated Bluetooth device carries its address, which
+// the machine gives it: the key and ":01".
 const std::string kMouseKey = "00:1f:20:b3:5b";
 const std::string kKeyboardKey = "00:1f:20:b4:0a";
 
 const char* const kDesk = R"({"devices": [
     {"id": "corded", "name": "Sim Mouse", "pid": "0xC08B"},
-    {"id": "btmouse", "name": "Sim BT Mouse", "pid": "0xB35B", "bus": "bluetooth"}]})";
+    {"id": "btmouse", "name": "Sim BT Mouse", "pid": "0xB35B", "bus": "bluetooth",
+     "address": "00:1f:20:b3:5b:01"}]})";
 
-// A manager whose platform bus is given.
+// A manager whose platform bus the story's world makes.
 class StoryManager : public devio::DeviceManager {
 public:
-    explicit StoryManager(std::shared_ptr<IHardwareBus> platform)
-        : platform_(std::move(platform)) {}
+    using MakeBus = std::function<std::shared_ptr<IHardwareBus>(std::weak_ptr<IDeviceManager>)>;
+    explicit StoryManager(MakeBus make) : make_(std::move(make)) {}
 
     int stacks_built() const { return stacks_; }
 
 private:
     std::shared_ptr<IHardwareBus> makePlatformBus() override {
         ++stacks_;
-        return platform_;
+        return make_ ? make_(weak_from_this()) : nullptr;
     }
-    std::shared_ptr<IHardwareBus> platform_;
+    MakeBus make_;
     int stacks_ = 0;
 };
 
@@ -227,9 +231,10 @@ std::shared_ptr<PairingDevice> pairing_device(const std::shared_ptr<IDevice>& de
 // One story's machine, radio, data directory and host, which a story
 // starts to pump once it listens. The mouse is paired and switched on.
 struct Story {
-    Story() {
+    explicit Story(World kind) : radio(make_world(kind)), world(*radio) {
+        if (!world.trouble().empty()) throw std::runtime_error(world.trouble());
         world.add_radio(kRadio);
-        world.pair(kMouseKey, 2, kRadio);
+        world.pair(kMouseKey, 2, kRadio, "Sim BT Mouse");
         world.connect(kMouseKey);
     }
     ~Story() { end_managers(); }
@@ -237,8 +242,8 @@ struct Story {
     // A new manager; the story keeps it, so that it goes only when nothing
     // is delivered to it any more.
     std::shared_ptr<StoryManager> manager(bool with_directory = true) {
-        auto m =
-            std::make_shared<StoryManager>(std::make_shared<BluetoothSimBus>(sim, world.monitor()));
+        auto m = std::make_shared<StoryManager>(
+            [this](std::weak_ptr<IDeviceManager> owner) { return world.platform(sim, owner); });
         EXPECT_TRUE(m->config_set(kBluetoothActive, true));
         EXPECT_TRUE(m->config_set(kCordedActive, true));
         if (with_directory) m->persistent_data_directory(dir.path);
@@ -261,15 +266,22 @@ struct Story {
     bool idle() { return host.wait_idle(std::chrono::milliseconds(5000)); }
 
     SimMachine sim{kDesk};
-    std::shared_ptr<RadioWorld> radio = make_world();
-    RadioWorld& world = *radio;
+    std::shared_ptr<RadioWorld> radio;
+    RadioWorld& world;
     TempDir dir;
     devio::RunLoopHost host;
     std::vector<std::shared_ptr<StoryManager>> managers;
 };
 
+// The stories of one world.
+class Pairing : public ::testing::TestWithParam<World> {};
+
+std::string name_of(const ::testing::TestParamInfo<World>& info) {
+    return world_name(info.param);
+}
+
 // A story that starts with the manager running and the mouse listed.
-class PairedMouse : public ::testing::Test {
+class PairedMouse : public Pairing {
 protected:
     void SetUp() override {
         manager = s.started(watcher);
@@ -281,13 +293,13 @@ protected:
         s.end_managers();
     }
 
-    Story s;
+    Story s{GetParam()};
     Watcher watcher;
     std::shared_ptr<StoryManager> manager;
     std::shared_ptr<IDevice> mouse;
 };
 
-TEST_F(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
+TEST_P(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     const auto listed = manager->devices();
     ASSERT_EQ(listed.size(), 2u);
     const auto corded = with_pid(listed, 0xC08B);
@@ -338,11 +350,13 @@ TEST_F(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     EXPECT_TRUE(watcher.items().empty());
 }
 
-TEST_F(PairedMouse, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
+TEST_P(PairedMouse, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
     const std::string line = cache_line(mouse->path(), "B35B", "Sim BT Mouse", kRadio, "bluetooth");
     ASSERT_NE(s.cache().find(line), std::string::npos) << s.cache();
 
-    // Unpaired from a radio it isn't paired to: it stays, and stays cached.
+    // A second radio that it isn't paired to forgets it: it stays, and
+    // stays cached.
+    s.world.add_radio(kOtherRadio);
     s.world.unpair(kMouseKey, kOtherRadio);
     ASSERT_TRUE(s.idle());
     EXPECT_TRUE(watcher.items().empty());
@@ -358,7 +372,7 @@ TEST_F(PairedMouse, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
     EXPECT_EQ(manager->devices().size(), 1u);
 }
 
-TEST_F(PairedMouse, RadioThatGoesHidesItsDevicesUntilItComesBack) {
+TEST_P(PairedMouse, RadioThatGoesHidesItsDevicesUntilItComesBack) {
     s.world.remove_radio(kRadio);
     EXPECT_TRUE(eventually([&] { return !watcher.items().empty(); }));
     EXPECT_EQ(watcher.items(), std::vector<std::string>{"removal B35B"});
@@ -375,8 +389,8 @@ TEST_F(PairedMouse, RadioThatGoesHidesItsDevicesUntilItComesBack) {
     EXPECT_TRUE(ping(back)) << devio::error_record().err;
 }
 
-TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutARecord) {
-    Story s;
+TEST_P(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutARecord) {
+    Story s(GetParam());
     ASSERT_TRUE(s.host.start());
     std::string path;
     {
@@ -391,8 +405,9 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
     s.sim.command("unplug btmouse");
     // An entry whose device the radio no longer knows.
     std::string text = s.cache();
-    const std::string ghost = cache_line("/dev/hidraw@bt-00:1a:7d:da:71:13-00:1f:20:99:99:01",
-                                         "B999", "Ghost", kRadio, "bluetooth");
+    const std::string ghost =
+        cache_line(s.sim.machine().devRoot() + "/hidraw@bt-00:1a:7d:da:71:13-00:1f:20:99:99:01",
+                   "B999", "Ghost", kRadio, "bluetooth");
     const auto end = text.find("</devices>");
     ASSERT_NE(end, std::string::npos) << text;
     text.insert(end, ghost + "\n");
@@ -432,8 +447,8 @@ TEST(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutAReco
     watcher.unsubscribe(second);
 }
 
-TEST(Pairing, DamagedCacheFileThrowsWhenNamedAndTheNextWriteReplacesIt) {
-    Story s;
+TEST_P(Pairing, DamagedCacheFileThrowsWhenNamedAndTheNextWriteReplacesIt) {
+    Story s(GetParam());
     write_text(s.dir.path + "paired.xml", "<devices><device path=\"/dev/hidraw@bt-");
     ASSERT_TRUE(s.host.start());
     // Named before the start, the file throws out of the first devices();
@@ -459,16 +474,19 @@ TEST(Pairing, DamagedCacheFileThrowsWhenNamedAndTheNextWriteReplacesIt) {
 // A BLE keyboard with a HID interface on the machine and a vendor GATT
 // interface beside it. The interface that is not the data path is present
 // from the start, so it is kept loose until the data path arrives.
-void loose_monitor_story(bool use_blevx) {
+void loose_monitor_story(World kind, bool use_blevx) {
     SCOPED_TRACE(use_blevx ? "use_blevx on" : "use_blevx off");
     SimMachine sim(use_blevx ? R"({"devices": [{"id": "kb", "name": "Sim BLE Keyboard",
-                                  "pid": "0xB40A", "bus": "bluetooth"}]})"
+                                  "pid": "0xB40A", "bus": "bluetooth",
+                                  "address": "00:1f:20:b4:0a:01"}]})"
                              : R"({"devices": [{"id": "kb", "name": "Sim BLE Keyboard",
-                                  "pid": "0xB40A", "bus": "bluetooth", "plugged": false}]})");
-    auto radio = make_world();
+                                  "pid": "0xB40A", "bus": "bluetooth",
+                                  "address": "00:1f:20:b4:0a:01", "plugged": false}]})");
+    auto radio = make_world(kind);
     RadioWorld& world = *radio;
+    ASSERT_EQ(world.trouble(), "");
     world.add_radio(kRadio);
-    world.pair(kKeyboardKey, 3, kRadio);
+    world.pair(kKeyboardKey, 3, kRadio, "Sim BLE Keyboard");
     world.connect(kKeyboardKey);
     TempDir dir;
     devio::RunLoopHost host;
@@ -481,7 +499,7 @@ void loose_monitor_story(bool use_blevx) {
     auto gatt_bus = std::make_shared<FakeGattBus>();
     auto gatt = std::make_shared<FakeGattDevice>("gatt-" + kKeyboardKey + ":01", 0xB40A);
     if (!use_blevx) gatt_bus->plug(gatt);
-    auto platform = std::make_shared<BluetoothSimBus>(sim, world.monitor(), gatt_bus);
+    auto platform = world.platform(sim, config, gatt_bus);
     auto pairing = std::make_shared<PairingBus>(
         std::make_shared<devio::CombinerBus>(platform, std::weak_ptr<IDeviceManager>()), config);
     Plugs plugs;
@@ -528,10 +546,20 @@ void loose_monitor_story(bool use_blevx) {
     host.stop();
 }
 
-TEST(Pairing, LooseMonitorIsAttachedWhenItsDataPathArrives) {
-    loose_monitor_story(false);
-    loose_monitor_story(true);
+// A monitor is always the GATT side of a device: the stories with one run
+// where a monitor can answer for a GATT path, which the monitor over BlueZ
+// cannot until the platform's GATT transport comes with paths of its own.
+class GattPairing : public Pairing {};
+
+TEST_P(GattPairing, LooseMonitorIsAttachedWhenItsDataPathArrives) {
+    loose_monitor_story(GetParam(), false);
+    loose_monitor_story(GetParam(), true);
 }
+
+INSTANTIATE_TEST_SUITE_P(Worlds, PairedMouse, ::testing::Values(World::Fake, World::Bluez),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(Worlds, Pairing, ::testing::Values(World::Fake, World::Bluez), name_of);
+INSTANTIATE_TEST_SUITE_P(Worlds, GattPairing, ::testing::Values(World::Fake), name_of);
 
 }  // namespace
 }  // namespace pairtest
