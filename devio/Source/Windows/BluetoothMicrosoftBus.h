@@ -66,7 +66,7 @@ private:
     void customEvent(const DeviceChangeHeader& header);
     void l2capEvent(const BluetoothChange& change);
     void inRangeEvent(const BluetoothChange& change);
-    bool radio_gone(const std::string& radio);
+    bool pairing_kept(const std::string& radio, std::uint64_t address);
 
     std::weak_ptr<Win32Bus> bus_;
     bool active_;                                  // guarded by start_mutex_

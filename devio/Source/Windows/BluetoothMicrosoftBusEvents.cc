@@ -168,7 +168,7 @@ void BluetoothMicrosoftBus::inRangeEvent(const BluetoothChange& change) {
             device->tell_disconnect();
         }
         if ((removed & (bdif::kPersonal | bdif::kLePersonal)) != 0) {
-            if (radio_gone(change.radio)) {
+            if (pairing_kept(change.radio, change.address)) {
                 BT_LOG(3, "process_wm_devicechange", "-bt- %s went with its radio %s", text.c_str(),
                        change.radio.c_str());
             } else {
@@ -189,14 +189,17 @@ void BluetoothMicrosoftBus::inRangeEvent(const BluetoothChange& change) {
 
 // A radio that goes takes its device records with it, one by one, before
 // it is itself gone; the records come back with the radio, so a record
-// lost that way is no lost pairing. The stack has dropped the radio by the
-// time it is asked.
-bool BluetoothMicrosoftBus::radio_gone(const std::string& radio) {
+// lost that way is no lost pairing. By the time the stack is asked, the
+// radio is gone, or back with the device paired again.
+bool BluetoothMicrosoftBus::pairing_kept(const std::string& radio, std::uint64_t address) {
     IBluetoothSystem* stack = events_stack_.load();
     if (!stack) return false;
     std::uint32_t sys = 0;
     const std::vector<std::string> now = stack->radios(sys);
-    return sys == 0 && std::find(now.begin(), now.end(), radio) == now.end();
+    if (sys != 0) return false;
+    if (std::find(now.begin(), now.end(), radio) == now.end()) return true;
+    BluetoothDeviceInfo info;
+    return stack->device_info(radio, address, info) == 0 && info.remembered;
 }
 
 }  // namespace devio
