@@ -387,6 +387,26 @@ TEST_P(PairedMouse, RadioThatGoesHidesItsDevicesUntilItComesBack) {
     ASSERT_TRUE(back);
     EXPECT_TRUE(eventually([&] { return back->connected(); }));
     EXPECT_TRUE(ping(back)) << devio::error_record().err;
+
+    // The radio goes and comes back while the device's data path does the
+    // same: its records go and come back with it, which is no unpairing,
+    // and its events meet the data path's arrivals.
+    constexpr int kRounds = 5;
+    for (int i = 0; i < kRounds; ++i) {
+        s.sim.command("unplug btmouse");
+        s.world.remove_radio(kRadio);
+        ASSERT_TRUE(eventually([&] { return manager->devices().size() == 1; })) << i;
+        s.sim.command("plug btmouse");
+        s.world.add_radio(kRadio);
+        ASSERT_TRUE(eventually([&] {
+            const auto now = with_pid(manager->devices(), 0xB35B);
+            return now && now->connected();
+        })) << i;
+    }
+    ASSERT_TRUE(s.idle());
+    EXPECT_EQ(watcher.items().size(), 2u + 2 * kRounds);
+    EXPECT_NE(s.cache().find(back->path()), std::string::npos) << s.cache();
+    EXPECT_TRUE(ping(with_pid(manager->devices(), 0xB35B))) << devio::error_record().err;
 }
 
 TEST_P(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutARecord) {
