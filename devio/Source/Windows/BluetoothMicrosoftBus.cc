@@ -67,6 +67,8 @@ void BluetoothMicrosoftBus::stop() {
 }
 
 std::shared_ptr<IBluetoothSystem> BluetoothMicrosoftBus::bluetooth() {
+    // Never replaced once made.
+    if (published_stack_.load() != nullptr) return bluetooth_;
     std::lock_guard<std::recursive_mutex> lock(start_mutex_);
     if (bluetooth_) return bluetooth_;
     auto bus = bus_.lock();
@@ -77,7 +79,7 @@ std::shared_ptr<IBluetoothSystem> BluetoothMicrosoftBus::bluetooth() {
     try {
         bus->lazyStart(&system_);
         bluetooth_ = makePlatformBluetooth(system_);
-        events_stack_ = bluetooth_.get();
+        published_stack_ = bluetooth_.get();
     } catch (const DevioException& e) {
         e.record();
         BT_LOG(1, "bluetooth", "-bt- the platform could not be reached");
@@ -87,6 +89,7 @@ std::shared_ptr<IBluetoothSystem> BluetoothMicrosoftBus::bluetooth() {
 }
 
 bool BluetoothMicrosoftBus::lazy_start() {
+    if (started_) return true;
     std::lock_guard<std::recursive_mutex> lock(start_mutex_);
     if (started_) return true;
     if (!active_) {
@@ -128,6 +131,28 @@ bool BluetoothMicrosoftBus::lazy_start() {
            static_cast<void*>(bus.get()));
     find_radios();
     started_ = true;
+    return true;
+}
+
+// The start tells its listeners of the radios it finds, on the starting
+// thread, with the radio producer's lock held. Started from a listener's
+// own call that holds a lock of the listener's which its radio handlers
+// take (the pairing filter's), it would take the producer's lock inside
+// that one, while a radio event on the pumping thread takes them the other
+// way round. So a listener to the radios starts the bus as it subscribes,
+// and is told of the radios present then, with no lock of this bus held.
+// An inactive bus does not refuse.
+bool BluetoothMicrosoftBus::on_subscribe(IBluetoothBus::RadioArrivalRemovalExternal* subscriber) {
+    if (!lazy_start()) return true;
+    std::vector<std::string> present;
+    {
+        std::lock_guard<std::mutex> lock(radio_mutex_);
+        present.assign(radios_.begin(), radios_.end());
+    }
+    for (const std::string& radio : present) {
+        BT_LOG(3, "on_subscribe", "-bt- telling a new listener of radio %s", radio.c_str());
+        subscriber->onRadioArrival(radio);
+    }
     return true;
 }
 

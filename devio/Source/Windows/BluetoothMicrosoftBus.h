@@ -29,7 +29,11 @@ class BluetoothMicrosoftDevice;
 // queries come from any thread. `radio_mutex_` guards the radios;
 // `address_mutex_` guards the path cache and the devices by address;
 // `start_mutex_` guards the start and the platform objects. Order:
-// `start_mutex_`, then either of the others; never both of those.
+// `start_mutex_`, then either of the others; never both of those. Once
+// started, the queries no longer take `start_mutex_`, which is held while
+// the start tells of the radios: a caller that holds a lock its radio
+// handlers take (the pairing filter's) does not meet it, since a listener
+// to the radios starts the bus as it subscribes.
 class BluetoothMicrosoftBus : public IBluetoothBus,
                               public Producer<IBluetoothBus::RadioArrivalRemovalInternal>,
                               public Producer<IBluetoothBus::RadioArrivalRemovalExternal>,
@@ -41,6 +45,10 @@ public:
 
     std::shared_ptr<IBluetoothDevice> device_paired_on_path(const std::string& path) override;
     void process_wm_devicechange(unsigned event, const void* header) override;
+
+    // Starts the bus for a listener to the radios, and tells it of them.
+    bool on_subscribe(IBluetoothBus::RadioArrivalRemovalExternal* subscriber) override;
+    using Producer<IBluetoothBus::RadioArrivalRemovalInternal>::on_subscribe;
 
     // The internal radio events.
     void onRadioArrival(const std::string& radio) override;
@@ -69,16 +77,18 @@ private:
     bool pairing_kept(const std::string& radio, std::uint64_t address);
 
     std::weak_ptr<Win32Bus> bus_;
-    bool active_;                                  // guarded by start_mutex_
-    bool started_ = false;                         // guarded by start_mutex_
+    bool active_;  // guarded by start_mutex_
+    // Written under start_mutex_; read without it once set.
+    std::atomic<bool> started_{false};
     std::shared_ptr<IWin32System> system_;         // guarded by start_mutex_
     std::shared_ptr<IBluetoothSystem> bluetooth_;  // guarded by start_mutex_
     std::uintptr_t interface_notification_ = 0;    // guarded by start_mutex_
     std::recursive_mutex start_mutex_;
-    // `bluetooth_` for the window thread, which must not wait for
-    // `start_mutex_`: its holder may be waiting for the window thread. Set
-    // once; the object lives as long as this bus.
-    std::atomic<IBluetoothSystem*> events_stack_{nullptr};
+    // `bluetooth_` once made, for the readers that must not wait for
+    // `start_mutex_`: the window thread, whom its holder may be waiting for,
+    // and listeners that hold a lock of their own which a radio event
+    // takes. Set once; the object lives as long as this bus.
+    std::atomic<IBluetoothSystem*> published_stack_{nullptr};
 
     std::set<std::string> radios_;  // guarded by radio_mutex_
     std::mutex radio_mutex_;

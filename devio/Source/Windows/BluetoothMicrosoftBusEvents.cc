@@ -192,7 +192,7 @@ void BluetoothMicrosoftBus::inRangeEvent(const BluetoothChange& change) {
 // lost that way is no lost pairing. By the time the stack is asked, the
 // radio is gone, or back with the device paired again.
 bool BluetoothMicrosoftBus::pairing_kept(const std::string& radio, std::uint64_t address) {
-    IBluetoothSystem* stack = events_stack_.load();
+    IBluetoothSystem* stack = published_stack_.load();
     if (!stack) return false;
     std::uint32_t sys = 0;
     const std::vector<std::string> now = stack->radios(sys);
