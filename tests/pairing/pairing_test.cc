@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
@@ -162,6 +163,41 @@ public:
 
 private:
     const std::shared_ptr<IDevice> device_;
+};
+
+// What the radio told of one device. Over BlueZ the radio tells after the
+// story's call returns: a story waits for it before it looks at what
+// follows.
+class RadioLog : public Recorder<std::string>,
+                 public devio::Subscriber<devio::IBluetoothDevice::BtFastConnect>,
+                 public devio::Subscriber<devio::IBluetoothDevice::BtUnpair> {
+public:
+    explicit RadioLog(std::shared_ptr<devio::IBluetoothDevice> device)
+        : device_(std::move(device)) {
+        listening = device_ &&
+                    Subscriber<devio::IBluetoothDevice::BtFastConnect>::subscribe(
+                        device_, devio::DeliveryDirect) &&
+                    Subscriber<devio::IBluetoothDevice::BtUnpair>::subscribe(device_,
+                                                                             devio::DeliveryDirect);
+    }
+    ~RadioLog() override {
+        if (!device_) return;
+        Subscriber<devio::IBluetoothDevice::BtFastConnect>::unsubscribe(device_);
+        Subscriber<devio::IBluetoothDevice::BtUnpair>::unsubscribe(device_);
+    }
+    void onBtFastConnect(const std::string&) override { add("connect"); }
+    void onBtFastDisconnect() override { add("disconnect"); }
+    void onBtUnpair(const std::string& radio) override { add("unpair " + radio); }
+    bool heard(const std::string& what) {
+        return eventually([&] {
+            const auto all = items();
+            return std::find(all.begin(), all.end(), what) != all.end();
+        });
+    }
+    bool listening = false;
+
+private:
+    const std::shared_ptr<devio::IBluetoothDevice> device_;
 };
 
 struct WriteCount {
@@ -326,7 +362,10 @@ TEST_P(PairedMouse, SwitchedOffAndOnStaysOneDevice) {
     ASSERT_TRUE(hw);
     Traffic traffic(hw);
     ASSERT_TRUE(traffic.listening);
+    RadioLog radio(hw->btdev());
+    ASSERT_TRUE(radio.listening);
     s.world.disconnect(kMouseKey);
+    ASSERT_TRUE(radio.heard("disconnect"));
     devio::set_error(devio::Success);
     EXPECT_FALSE(hw->write(std::vector<Byte>(7, 0x10), false));
     EXPECT_EQ(devio::error_record().err, devio::NotConnected);
@@ -356,8 +395,13 @@ TEST_P(PairedMouse, UnpairingRemovesTheDeviceAndDropsItFromTheCache) {
 
     // A second radio that it isn't paired to forgets it: it stays, and
     // stays cached.
+    const auto hw = pairing_device(mouse);
+    ASSERT_TRUE(hw);
+    RadioLog radio(hw->btdev());
+    ASSERT_TRUE(radio.listening);
     s.world.add_radio(kOtherRadio);
     s.world.unpair(kMouseKey, kOtherRadio);
+    ASSERT_TRUE(radio.heard("unpair " + kOtherRadio));
     ASSERT_TRUE(s.idle());
     EXPECT_TRUE(watcher.items().empty());
     EXPECT_EQ(manager->devices().size(), 2u);
@@ -455,7 +499,12 @@ TEST_P(Pairing, RestartFindsTheCachedDeviceWhileItIsOffAndDropsEntriesWithoutARe
     // yet, and it connects when the data path comes.
     LinkLog link(mouse);
     ASSERT_TRUE(link.listening);
+    const auto hw = pairing_device(mouse);
+    ASSERT_TRUE(hw);
+    RadioLog radio(hw->btdev());
+    ASSERT_TRUE(radio.listening);
     s.world.connect(kMouseKey);
+    ASSERT_TRUE(radio.heard("connect"));
     ASSERT_TRUE(s.idle());
     EXPECT_FALSE(mouse->connected());
     EXPECT_TRUE(link.items().empty());
