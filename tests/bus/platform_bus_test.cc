@@ -283,8 +283,9 @@ TEST(PlatformBus, EndOfTheBusLeavesNoThreadOrDescriptor) {
 }
 
 // A private system bus with a mock of logind: PrepareForSleep(false) reaches
-// the manager as onPowerChange(false), and a receiver reads its paired
-// devices again, since pairings may have changed while the machine slept.
+// the manager as onPowerChange(false): a receiver reads its paired devices
+// again, since pairings may have changed while the machine slept, and each
+// device confirms the configuration it may have lost.
 TEST(PlatformBus, ResumeFromLogindReachesTheManagerAndTheReceivers) {
     bttest::PrivateSystemBus bus;
     ASSERT_TRUE(bus.ok()) << "no private system bus (dbus-daemon)";
@@ -310,6 +311,7 @@ TEST(PlatformBus, ResumeFromLogindReachesTheManagerAndTheReceivers) {
     SimMachine sim(R"({"receivers": [{"id": "dongle", "pid": "0xA105",
         "devices": [{"id": "kb", "qid": "0x4B21", "slot": 1}]}]})");
     const std::string enumeration = "===> Starting receiver enumeration...";
+    const std::string confirmation = "Device::confirm_configuration(pid = 0x4b21) begin";
     const auto count = [](const std::string& text, const std::string& what) {
         std::size_t n = 0;
         for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
@@ -327,6 +329,7 @@ TEST(PlatformBus, ResumeFromLogindReachesTheManagerAndTheReceivers) {
         EXPECT_TRUE(eventually([&] { return cdevio.devices().size() == 2; }));
         read_log();
         const std::size_t before = count(log, enumeration);
+        const std::size_t confirmed = count(log, confirmation);
         EXPECT_GE(before, 1u);
         EXPECT_EQ(std::system((emit + "true").c_str()), 0);
         EXPECT_EQ(std::system((emit + "false").c_str()), 0);
@@ -334,7 +337,7 @@ TEST(PlatformBus, ResumeFromLogindReachesTheManagerAndTheReceivers) {
         EXPECT_TRUE(eventually([&] {
             read_log();
             return log.find("DeviceManager::onPowerChange(standBy=0)") != std::string::npos &&
-                   count(log, enumeration) > before;
+                   count(log, enumeration) > before && count(log, confirmation) > confirmed;
         }));
         EXPECT_EQ(cdevio.devices().size(), 2u);
         for (const auto& e : lib.watcher.events()) EXPECT_TRUE(e.arrival) << e.path;
