@@ -271,5 +271,43 @@ TEST(Gatt, RefusalsSendNothing) {
     device->close();
 }
 
+// A Low Energy device seen on HID and on GATT at once: one device for the
+// host, whose data path is the GATT interface with use_blevx and the HID
+// one without; the other is its monitor, never written to. A device
+// answers on the channel it was asked on, so the GATT side has firmware of
+// its own: a twin of the same identity and address.
+void seenOnBoth(bool use_blevx) {
+    Stage stage(use_blevx);
+    ASSERT_TRUE(stage.mock.ok());
+    simtest::SimMachine machine(kPen);
+    simtest::SimMachine twin(kPen);
+    const std::string address =
+        nodeAddress(machine.machine().sysfsRoot(), machine.machine().hidrawOf("pen"));
+    ASSERT_EQ(nodeAddress(twin.machine().sysfsRoot(), twin.machine().hidrawOf("pen")), address);
+    stage.gattDevice(twin, "pen", address, "fixed");
+    simtest::use_machine(machine);
+
+    testing::internal::CaptureStderr();
+    const auto devices = cdevio.devices();
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0]->bustype(), 3);
+    const std::size_t features = devices[0]->features().size();
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_GT(features, 2u) << log;
+    EXPECT_NE(log.find("detect_and_attach_monitor is monitor"), std::string::npos) << log;
+    EXPECT_NE(log.find(use_blevx ? "is bluetooth low energy (blevx)"
+                                 : "is bluetooth low energy (blevxp)"),
+              std::string::npos);
+    EXPECT_EQ(stage.mock.gattWrites("hci0", address).empty(), !use_blevx);
+}
+
+TEST(Gatt, SeenOnHidAndGattWithBlevxTheGattPathCarriesData) {
+    seenOnBoth(true);
+}
+
+TEST(Gatt, SeenOnHidAndGattWithoutBlevxTheHidPathCarriesData) {
+    seenOnBoth(false);
+}
+
 }  // namespace
 }  // namespace bttest
