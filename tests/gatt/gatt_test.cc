@@ -271,6 +271,50 @@ TEST(Gatt, RefusalsSendNothing) {
     device->close();
 }
 
+// GATT interfaces that come and go in BlueZ reach the GATT bus's
+// subscriber as its devices' arrival and removal, by path.
+TEST(Gatt, ServicesThatComeAndGoArePluggedAndUnplugged) {
+    Stage stage;
+    ASSERT_TRUE(stage.mock.ok());
+    simtest::SimMachine machine(kNothing);
+    auto bus = GattHostBus::make(machine);
+    auto gatt = bus->gatt();
+    ASSERT_NE(gatt, nullptr);
+    class Plugs : public devio::Subscriber<devio::IHardwareBus::PlugUnplug> {
+    public:
+        void onPlug(const std::shared_ptr<devio::IHardwareDevice>& d) override {
+            add("plug " + d->path());
+        }
+        void onUnplug(const std::shared_ptr<devio::IHardwareDevice>& d) override {
+            add("unplug " + d->path());
+        }
+        bool saw(const std::string& what) {
+            return eventually(
+                [&] {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    return std::find(seen_.begin(), seen_.end(), what) != seen_.end();
+                },
+                std::chrono::milliseconds(5000));
+        }
+
+    private:
+        void add(std::string what) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            seen_.push_back(std::move(what));
+        }
+        std::mutex mutex_;
+        std::vector<std::string> seen_;  // guarded by mutex_
+    } plugs;
+    ASSERT_TRUE(plugs.subscribe(gatt, devio::DeliveryDirect, ""));
+    const std::string address = "00:1F:20:B4:03:01";
+    stage.gattDevice(machine, "", address, "variable");
+    const std::string path = lower(BluezMock::devicePath("hci0", address));
+    EXPECT_TRUE(plugs.saw("plug " + path));
+    ASSERT_EQ(stage.mock.removeGattDevice("hci0", address), "");
+    EXPECT_TRUE(plugs.saw("unplug " + path));
+    plugs.unsubscribe(gatt);
+}
+
 // A Low Energy device seen on HID and on GATT at once: one device for the
 // host, whose data path is the GATT interface with use_blevx and the HID
 // one without; the other is its monitor, never written to. A device

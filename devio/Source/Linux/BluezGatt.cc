@@ -114,7 +114,7 @@ public:
         std::vector<HidInterface> out;
         std::map<std::string, bool> seen;
         for (const auto& [path, object] : now.gatt) {
-            if (object.kind != bluez::GattObject::Service || object.uuid != kVxpGattClass) continue;
+            if (object.kind != bluez::GattObject::Service || object.uuid != kVxpGattService) continue;
             if (!now.devices.count(object.parent) || seen[object.parent]) continue;
             seen[object.parent] = true;
             out.push_back({lower(object.parent), 0});

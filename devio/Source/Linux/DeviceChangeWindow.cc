@@ -16,6 +16,7 @@
 #include "Base/DevioException.h"
 #include "Linux/SysfsHidraw.h"
 #include "Windows/BluetoothSystem.h"
+#include "Windows/GattSystem.h"
 
 namespace devio {
 
@@ -133,8 +134,21 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
         case NodeEvent::Lost:
             rescan();
             break;
+        case NodeEvent::GattAdded:
+        case NodeEvent::GattRemoved: {
+            if (!watching(kVxpGattClass)) break;
+            DeviceChangeHeader header;
+            header.device_type = device_change::kInterface;
+            header.interface_class = kVxpGattClass;
+            header.path = event.node;
+            deviceChange(event.kind == NodeEvent::GattAdded ? device_change::kArrival
+                                                            : device_change::kRemoveComplete,
+                         std::move(header));
+            break;
+        }
         case NodeEvent::RadioAdded:
         case NodeEvent::RadioRemoved: {
+            if (!watching(kBluetoothRadioClass)) break;
             DeviceChangeHeader header;
             header.device_type = device_change::kInterface;
             header.interface_class = kBluetoothRadioClass;
@@ -145,6 +159,7 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
             break;
         }
         case NodeEvent::Bluetooth: {
+            if (!watching(kBluetoothRadioClass)) break;
             DeviceChangeHeader header;
             header.device_type = device_change::kHandle;
             header.path = event.node;
@@ -297,9 +312,18 @@ std::uintptr_t DeviceChangeWindow::register_handle_notification(PlatformHandle h
     return notification;
 }
 
-// The radio class brings the Bluetooth stack's events, from the moment of
-// the first registration to the end of the last.
-std::uintptr_t DeviceChangeWindow::watchRadios(std::uint32_t& sys_error) {
+bool DeviceChangeWindow::watching(const std::string& interface_class) const {
+    for (const auto& [notification, registered] : interfaces_) {
+        if (registered == interface_class) return true;
+    }
+    return false;
+}
+
+// The radio class brings the Bluetooth stack's events, and the GATT class
+// the vendor services of its devices, from the moment of the first
+// registration of either to the end of the last.
+std::uintptr_t DeviceChangeWindow::watchBluez(const std::string& interface_class,
+                                              std::uint32_t& sys_error) {
     if (!bluetooth_) {
         std::string why;
         int err = 0;
@@ -312,13 +336,14 @@ std::uintptr_t DeviceChangeWindow::watchRadios(std::uint32_t& sys_error) {
         }
     }
     const std::uintptr_t notification = next_notification_++;
-    interfaces_[notification] = kBluetoothRadioClass;
+    interfaces_[notification] = interface_class;
     return notification;
 }
 
 std::uintptr_t DeviceChangeWindow::register_interface_notification(
     const std::string& interface_class, std::uint32_t& sys_error) {
-    if (interface_class == kBluetoothRadioClass) return watchRadios(sys_error);
+    if (interface_class == kBluetoothRadioClass || interface_class == kVxpGattClass)
+        return watchBluez(interface_class, sys_error);
     if (interface_class != system_->hid_interface_class()) {
         sys_error = EINVAL;
         return 0;
@@ -356,8 +381,8 @@ bool DeviceChangeWindow::unregister_notification(std::uintptr_t notification,
         for (const auto& [other, still] : interfaces_) {
             if (still == interface_class) return true;
         }
-        if (interface_class == kBluetoothRadioClass) {
-            bluetooth_.reset();
+        if (interface_class == kBluetoothRadioClass || interface_class == kVxpGattClass) {
+            if (!watching(kBluetoothRadioClass) && !watching(kVxpGattClass)) bluetooth_.reset();
         } else {
             nodes_.reset();
             known_.clear();

@@ -67,7 +67,8 @@ private:
     void removalRequests(const std::string& node);
     void rescan();
     void deviceChange(unsigned event, DeviceChangeHeader header);
-    std::uintptr_t watchRadios(std::uint32_t& sys_error);
+    std::uintptr_t watchBluez(const std::string& interface_class, std::uint32_t& sys_error);
+    bool watching(const std::string& interface_class) const;
 
     std::shared_ptr<LinuxSystem> system_;
     const Watch watch_;

@@ -11,9 +11,11 @@
 
 namespace devio {
 
-// The maker's GATT service, which is also the interface class of the
-// devices that offer it and the UUID of its fixed-length I/O characteristic.
-inline constexpr const char kVxpGattClass[] = "00010000-0000-1000-8000-011f20002e5a";
+// The interface class of the devices that offer the maker's GATT service,
+// for listing and change notifications; the service has the same UUID as
+// its fixed-length I/O characteristic.
+inline constexpr const char kVxpGattClass[] = "vxp-gatt";
+inline constexpr const char kVxpGattService[] = "00010000-0000-1000-8000-011f20002e5a";
 inline constexpr const char kVxpGattFixed[] = "00010000-0000-1000-8000-011f20002e5a";
 inline constexpr const char kVxpGattVariable[] = "00010001-0000-1000-8000-011f20002e5a";
 
