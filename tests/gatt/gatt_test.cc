@@ -118,8 +118,7 @@ struct Stage {
         ASSERT_EQ(mock.makeLowEnergy("hci0", address), "");
         const std::string node =
             id.empty() ? "" : firmware.machine().nodePath(firmware.machine().hidrawOf(id));
-        ASSERT_EQ(mock.addGattDevice("hci0", address, node, characteristics, descriptor, kPid),
-                  "");
+        ASSERT_EQ(mock.addGattDevice("hci0", address, node, characteristics, descriptor, kPid), "");
     }
     PrivateSystemBus system_bus;
     BluezMock mock{system_bus};
@@ -183,15 +182,29 @@ TEST(Gatt, FramingByCharacteristic) {
     fixed_sent.resize(19, 0);
     const std::vector<Case> cases = {
         // The variable-length framing drops the trailing zeros.
-        {"variable", "00:1F:20:B4:01:01", "char0011", {0x01, 0x02}, "command",
-         {0x01, 0x02, 0x03, 0x04, 0x05}, {0x10, 0xFF, 0x01, 0x02, 0x03, 0x04, 0x05}},
+        {"variable",
+         "00:1F:20:B4:01:01",
+         "char0011",
+         {0x01, 0x02},
+         "command",
+         {0x01, 0x02, 0x03, 0x04, 0x05},
+         {0x10, 0xFF, 0x01, 0x02, 0x03, 0x04, 0x05}},
         // Eight bytes make a long report, without the 0xFF of the other framing.
-        {"fixed", "00:1F:20:B4:01:02", "char0011", fixed_sent, "request",
+        {"fixed",
+         "00:1F:20:B4:01:02",
+         "char0011",
+         fixed_sent,
+         "request",
          {0xFF, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07},
          {0x11, 0xFF, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07}},
         // With both, the fixed length wins, and writes go to the one found last.
-        {"fixed,variable", "00:1F:20:B4:01:03", "char0015", fixed_sent, "request",
-         {0xFF, 0x01}, {0x10, 0xFF, 0x01}},
+        {"fixed,variable",
+         "00:1F:20:B4:01:03",
+         "char0015",
+         fixed_sent,
+         "request",
+         {0xFF, 0x01},
+         {0x10, 0xFF, 0x01}},
     };
     for (const Case& c : cases) stage.gattDevice(machine, "", c.address, c.characteristics);
     auto bus = GattHostBus::make(machine);

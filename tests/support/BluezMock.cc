@@ -184,9 +184,9 @@ std::string BluezMock::loadGatt(const std::string& template_path) {
 std::string BluezMock::addGattDevice(const std::string& adapter, const std::string& address,
                                      const std::string& node, const std::string& characteristics,
                                      bool descriptor, std::uint16_t pid) {
-    return call("/", kMockInterface, "AddGattDevice", "sssa{sv}", adapter.c_str(),
-                address.c_str(), node.c_str(), 3, "characteristics", "s",
-                characteristics.c_str(), "descriptor", "b", descriptor ? 1 : 0, "pid", "q", pid);
+    return call("/", kMockInterface, "AddGattDevice", "sssa{sv}", adapter.c_str(), address.c_str(),
+                node.c_str(), 3, "characteristics", "s", characteristics.c_str(), "descriptor", "b",
+                descriptor ? 1 : 0, "pid", "q", pid);
 }
 
 std::string BluezMock::removeGattDevice(const std::string& adapter, const std::string& address) {
@@ -198,8 +198,8 @@ std::string BluezMock::gattNotify(const std::string& characteristic,
     if (!bus_) return "no bus";
     sd_bus_message* m = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    int r = sd_bus_message_new_method_call(bus_, &m, "org.bluez", "/", kMockInterface,
-                                           "GattNotify");
+    int r =
+        sd_bus_message_new_method_call(bus_, &m, "org.bluez", "/", kMockInterface, "GattNotify");
     if (r >= 0) r = sd_bus_message_append(m, "s", characteristic.c_str());
     if (r >= 0) r = sd_bus_message_append_array(m, 'y', value.data(), value.size());
     if (r >= 0) r = sd_bus_call(bus_, m, 0, &error, nullptr);

@@ -65,7 +65,8 @@ public:
                               bool descriptor, std::uint16_t pid);
     std::string removeGattDevice(const std::string& adapter, const std::string& address);
     // A notification of `characteristic` (an object path) with `value`.
-    std::string gattNotify(const std::string& characteristic, const std::vector<std::uint8_t>& value);
+    std::string gattNotify(const std::string& characteristic,
+                           const std::vector<std::uint8_t>& value);
     // What the device received: characteristic, value and write type.
     struct GattWrite {
         std::string characteristic;

@@ -53,7 +53,8 @@ T attributeOf(const std::string& object, const bluez::GattObject& o) {
     out.attr = attrOf(object);
     if (o.uuid.size() == 36 && o.uuid.rfind("0000", 0) == 0 &&
         o.uuid.compare(8, std::string::npos, kBaseUuidTail) == 0) {
-        out.short_uuid = static_cast<std::uint16_t>(std::strtoul(o.uuid.substr(4, 4).c_str(), nullptr, 16));
+        out.short_uuid =
+            static_cast<std::uint16_t>(std::strtoul(o.uuid.substr(4, 4).c_str(), nullptr, 16));
     }
     return out;
 }
@@ -114,7 +115,8 @@ public:
         std::vector<HidInterface> out;
         std::map<std::string, bool> seen;
         for (const auto& [path, object] : now.gatt) {
-            if (object.kind != bluez::GattObject::Service || object.uuid != kVxpGattService) continue;
+            if (object.kind != bluez::GattObject::Service || object.uuid != kVxpGattService)
+                continue;
             if (!now.devices.count(object.parent) || seen[object.parent]) continue;
             seen[object.parent] = true;
             out.push_back({lower(object.parent), 0});
@@ -192,9 +194,9 @@ public:
         const auto it = device->second.tree.gatt.find(attribute.object);
         if (it == device->second.tree.gatt.end()) return ENOENT;
         if (it->second.value.empty()) return ENODATA;
-        out.assign(it->second.value.begin(),
-                   it->second.value.begin() +
-                       static_cast<long>(std::min(limit, it->second.value.size())));
+        out.assign(
+            it->second.value.begin(),
+            it->second.value.begin() + static_cast<long>(std::min(limit, it->second.value.size())));
         return 0;
     }
 
@@ -342,7 +344,9 @@ private:
     }
 
     static void fill(GattService&, const bluez::GattObject&) {}
-    static void fill(GattCharacteristic& c, const bluez::GattObject& o) { c.flags = flagsOf(o.flags); }
+    static void fill(GattCharacteristic& c, const bluez::GattObject& o) {
+        c.flags = flagsOf(o.flags);
+    }
     static void fill(GattDescriptor& d, const bluez::GattObject& o) {
         d.characteristic = o.parent;
         d.type = o.uuid == kClientConfiguration ? kGattClientConfiguration : 0;
@@ -380,8 +384,9 @@ private:
             while ((r = sd_bus_process(signals_, nullptr)) > 0) {
             }
             if (r < 0) return;  // the bus went; no change can come any more
-            pollfd fds[2] = {{sd_bus_get_fd(signals_), static_cast<short>(sd_bus_get_events(signals_)), 0},
-                             {stop_fd_, POLLIN, 0}};
+            pollfd fds[2] = {
+                {sd_bus_get_fd(signals_), static_cast<short>(sd_bus_get_events(signals_)), 0},
+                {stop_fd_, POLLIN, 0}};
             if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
             if (fds[1].revents) return;
         }
@@ -422,9 +427,9 @@ private:
     }
 
     std::mutex mutex_;
-    sd_bus* calls_ = nullptr;                 // guarded by mutex_
+    sd_bus* calls_ = nullptr;                   // guarded by mutex_
     std::map<PlatformHandle, Device> handles_;  // guarded by mutex_
-    PlatformHandle next_handle_ = 1;          // guarded by mutex_
+    PlatformHandle next_handle_ = 1;            // guarded by mutex_
 
     std::mutex registrations_mutex_;
     std::map<std::uintptr_t, std::shared_ptr<Registration>> registrations_;

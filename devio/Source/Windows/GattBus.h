@@ -56,7 +56,7 @@ private:
     std::shared_ptr<IWin32System> system_;  // guarded by objects_mutex_
     std::shared_ptr<IGattSystem> gatt_;     // guarded by objects_mutex_
     std::mutex objects_mutex_;
-    std::uintptr_t notification_ = 0;       // 0 until registered
+    std::uintptr_t notification_ = 0;  // 0 until registered
 };
 
 }  // namespace devio

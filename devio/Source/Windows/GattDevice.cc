@@ -5,13 +5,14 @@
 #include "Base/ClassLog.h"
 #include "Base/ErrorRecord.h"
 #include "Windows/GattBus.h"
+#include "Windows/GattFraming.h"
 #include "Windows/Win32Bus.h"
 
 namespace devio {
 
 namespace {
 
-constexpr std::size_t kReportSize = 20;
+constexpr std::size_t kReportSize = gatt_framing::kReportSize;
 constexpr std::size_t kDiscoveryLimit = 30;
 constexpr std::size_t kValueLimit = 500;
 constexpr unsigned kConfigGattWritesOff = 6;
@@ -36,14 +37,10 @@ void logBytes(int pid, const char* direction, const std::vector<Byte>& bytes) {
 
 std::string flagsText(std::uint32_t flags) {
     static const std::pair<std::uint32_t, const char*> names[] = {
-        {gatt_flag::kBroadcast, "B "},
-        {gatt_flag::kRead, "R "},
-        {gatt_flag::kWrite, "W "},
-        {gatt_flag::kWriteWithoutResponse, "WWR "},
-        {gatt_flag::kSignedWrite, "SW "},
-        {gatt_flag::kNotify, "N "},
-        {gatt_flag::kIndicate, "I "},
-        {gatt_flag::kExtended, "E "},
+        {gatt_flag::kBroadcast, "B "},    {gatt_flag::kRead, "R "},
+        {gatt_flag::kWrite, "W "},        {gatt_flag::kWriteWithoutResponse, "WWR "},
+        {gatt_flag::kSignedWrite, "SW "}, {gatt_flag::kNotify, "N "},
+        {gatt_flag::kIndicate, "I "},     {gatt_flag::kExtended, "E "},
     };
     std::string text;
     for (const auto& [bit, name] : names) {
@@ -83,32 +80,10 @@ bool GattDevice::writes_off() {
     return bus && bus->configItem(kConfigGattWritesOff);
 }
 
-std::vector<Byte> GattDevice::report_from_value(const std::vector<Byte>& value,
-                                                bool fixed_length) {
-    std::vector<Byte> report;
-    report.push_back(value.size() < 8 ? 0x10 : 0x11);
-    if (!fixed_length) report.push_back(0xFF);
-    report.insert(report.end(), value.begin(), value.end());
-    return report;
-}
-
-std::vector<Byte> GattDevice::value_from_report(const std::vector<Byte>& report,
-                                                bool fixed_length) {
-    if (fixed_length) {
-        std::vector<Byte> padded = report;
-        padded.resize(kReportSize, 0);
-        return {padded.begin() + 1, padded.end()};
-    }
-    std::vector<Byte> value(report.begin() + std::min<std::size_t>(2, report.size()),
-                            report.end());
-    while (value.size() > 1 && value.back() == 0) value.pop_back();
-    if (value.empty()) value.push_back(0);
-    return value;
-}
-
 bool GattDevice::open() {
     if (destructed_) {
-        DEVIO_LOG("GattDevice", 3, "open", "GattDevice::open enter/exit (false, already destructed)");
+        DEVIO_LOG("GattDevice", 3, "open",
+                  "GattDevice::open enter/exit (false, already destructed)");
         return false;
     }
     if (open_) {
@@ -149,7 +124,8 @@ bool GattDevice::open() {
         gatt_info_known_ = true;
     }
     if (!win32_bus_.lock()) {
-        DEVIO_LOG("GattDevice", 1, "open", "GattDevice::open could not lock bus to register handle");
+        DEVIO_LOG("GattDevice", 1, "open",
+                  "GattDevice::open could not lock bus to register handle");
         close();
         set_error(ShuttingDown);
         DEVIO_LOG("GattDevice", 2, "open",
@@ -183,10 +159,11 @@ void GattDevice::log_characteristic(const GattCharacteristic& c) {
     std::vector<Byte> value;
     const std::uint32_t status = system_->read_value(handle_, c, kValueLimit, value);
     if (status != 0) {
-        DEVIO_LOG("GattDevice", 3, "open_gatt",
-                  "GATT             has no characteristic value (BluetoothGATTGetCharacteristicValue "
-                  "-> %x)",
-                  status);
+        DEVIO_LOG(
+            "GattDevice", 3, "open_gatt",
+            "GATT             has no characteristic value (BluetoothGATTGetCharacteristicValue "
+            "-> %x)",
+            status);
         return;
     }
     DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT             has %d byte characteristics value %s",
@@ -329,7 +306,8 @@ bool GattDevice::read_register() {
 void GattDevice::read_unregister() {
     for (std::uintptr_t event : events_) {
         DEVIO_LOG("GattDevice", 3, "read_unregister",
-                  "GATT                     unregistering handle=%p", reinterpret_cast<void*>(event));
+                  "GATT                     unregistering handle=%p",
+                  reinterpret_cast<void*>(event));
         const std::uint32_t status = system_->unregister_value_changed(event);
         if (status != 0) {
             DEVIO_LOG("GattDevice", 1, "read_unregister",
@@ -348,7 +326,7 @@ void GattDevice::gatt_event(std::uint16_t attr, const std::vector<Byte>& value) 
               0, attr, static_cast<int>(value.size()), static_cast<int>(value.size()),
               hex(value).c_str());
     logBytes(0, "R", value);
-    std::vector<Byte> report = report_from_value(value, fixed_length_);
+    std::vector<Byte> report = gatt_framing::reportFromValue(value, fixed_length_);
     const auto size = static_cast<unsigned>(report.size());
     report.resize(kReportSize, 0);
     Producer<IHardwareDevice::Read>::produce(
@@ -374,7 +352,8 @@ bool GattDevice::write(std::vector<Byte> report, bool blocking) {
     }
     if (characteristics_.empty()) {
         set_error(InvalidDeviceHandle);
-        return write_event("GattDevice::write exit (false, InvalidDeviceHandle - no characteristics)");
+        return write_event(
+            "GattDevice::write exit (false, InvalidDeviceHandle - no characteristics)");
     }
     if (!read_enable()) {
         DEVIO_LOG("GattDevice", 1, "write",
@@ -399,7 +378,7 @@ bool GattDevice::write(std::vector<Byte> report, bool blocking) {
         return write_event(
             "GattDevice::write exit (false, CannotPerformWriteWithoutReadThreadRunning)");
     }
-    const std::vector<Byte> value = value_from_report(report, fixed_length_);
+    const std::vector<Byte> value = gatt_framing::valueFromReport(report, fixed_length_);
     logBytes(pid_, "W", value);
     const std::uint32_t status =
         system_->write_value(handle_, characteristics_.back(), value, !fixed_length_);

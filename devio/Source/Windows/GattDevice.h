@@ -44,11 +44,6 @@ public:
     int bustype() override { return 4; }
     bool verify_connection_following_timeout() override;
 
-    // The report that a value of the I/O characteristic carries, and the
-    // value that carries a report, as the characteristic's framing wants.
-    static std::vector<Byte> report_from_value(const std::vector<Byte>& value, bool fixed_length);
-    static std::vector<Byte> value_from_report(const std::vector<Byte>& report, bool fixed_length);
-
 protected:
     using Producer<IHardwareDevice::Write>::on_subscribe;
     using Producer<IHardwareDevice::Connect>::on_subscribe;
