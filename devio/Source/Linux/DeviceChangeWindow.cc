@@ -135,29 +135,13 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
             rescan();
             break;
         case NodeEvent::GattAdded:
-        case NodeEvent::GattRemoved: {
-            if (!watching(kVxpGattClass)) break;
-            DeviceChangeHeader header;
-            header.device_type = device_change::kInterface;
-            header.interface_class = kVxpGattClass;
-            header.path = event.node;
-            deviceChange(event.kind == NodeEvent::GattAdded ? device_change::kArrival
-                                                            : device_change::kRemoveComplete,
-                         std::move(header));
+        case NodeEvent::GattRemoved:
+            interfaceChange(kVxpGattClass, event.node, event.kind == NodeEvent::GattAdded);
             break;
-        }
         case NodeEvent::RadioAdded:
-        case NodeEvent::RadioRemoved: {
-            if (!watching(kBluetoothRadioClass)) break;
-            DeviceChangeHeader header;
-            header.device_type = device_change::kInterface;
-            header.interface_class = kBluetoothRadioClass;
-            header.path = event.node;
-            deviceChange(event.kind == NodeEvent::RadioAdded ? device_change::kArrival
-                                                             : device_change::kRemoveComplete,
-                         std::move(header));
+        case NodeEvent::RadioRemoved:
+            interfaceChange(kBluetoothRadioClass, event.node, event.kind == NodeEvent::RadioAdded);
             break;
-        }
         case NodeEvent::Bluetooth: {
             if (!watching(kBluetoothRadioClass)) break;
             DeviceChangeHeader header;
@@ -168,6 +152,19 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
             break;
         }
     }
+}
+
+// An interface of a class that the Bluetooth stack tells of, to the window
+// only while someone watches the class.
+void DeviceChangeWindow::interfaceChange(const char* interface_class, const std::string& path,
+                                         bool arrival) {
+    if (!watching(interface_class)) return;
+    DeviceChangeHeader header;
+    header.device_type = device_change::kInterface;
+    header.interface_class = interface_class;
+    header.path = path;
+    deviceChange(arrival ? device_change::kArrival : device_change::kRemoveComplete,
+                 std::move(header));
 }
 
 void DeviceChangeWindow::deviceChange(unsigned event, DeviceChangeHeader header) {

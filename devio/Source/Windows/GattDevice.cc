@@ -49,6 +49,14 @@ std::string flagsText(std::uint32_t flags) {
     return text;
 }
 
+// A UUID of the standard base as "0x%x" of its short form, any other whole.
+std::string uuidText(const GattAttribute& a) {
+    if (a.short_uuid == 0) return a.uuid;
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%x", a.short_uuid);
+    return text;
+}
+
 // Keeps the thread's error record across a cleanup that may overwrite it.
 class KeepError {
 public:
@@ -149,13 +157,8 @@ bool GattDevice::open() {
 
 void GattDevice::log_characteristic(const GattCharacteristic& c) {
     const std::string flags = flagsText(c.flags);
-    if (c.short_uuid != 0) {
-        DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT         characteristic 0x%x attr=%d flags=%s",
-                  c.short_uuid, c.attr, flags.c_str());
-    } else {
-        DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT         characteristic %s attr=%d flags=%s",
-                  c.uuid.c_str(), c.attr, flags.c_str());
-    }
+    DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT         characteristic %s attr=%d flags=%s",
+              uuidText(c).c_str(), c.attr, flags.c_str());
     std::vector<Byte> value;
     const std::uint32_t status = system_->read_value(handle_, c, kValueLimit, value);
     if (status != 0) {
@@ -176,13 +179,8 @@ void GattDevice::log_descriptors(const GattCharacteristic& c, bool io) {
     std::vector<GattDescriptor> found;
     if (system_->descriptors(handle_, c, kDiscoveryLimit, found) != 0) return;
     for (const GattDescriptor& d : found) {
-        if (d.short_uuid != 0) {
-            DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT                 descriptor 0x%x attr=%d",
-                      d.short_uuid, d.attr);
-        } else {
-            DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT                 descriptor %s attr=%d",
-                      d.uuid.c_str(), d.attr);
-        }
+        DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT                 descriptor %s attr=%d",
+                  uuidText(d).c_str(), d.attr);
         std::vector<Byte> value;
         system_->read_value(handle_, d, kValueLimit, value);
         if (d.type != kGattClientConfiguration) continue;
@@ -211,13 +209,8 @@ bool GattDevice::open_gatt() {
                   static_cast<int>(services.size()));
     }
     for (const GattService& service : services) {
-        if (service.short_uuid != 0) {
-            DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT     service 0x%x attr=%d",
-                      service.short_uuid, service.attr);
-        } else {
-            DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT     service %s attr=%d",
-                      service.uuid.c_str(), service.attr);
-        }
+        DEVIO_LOG("GattDevice", 3, "open_gatt", "GATT     service %s attr=%d",
+                  uuidText(service).c_str(), service.attr);
         std::vector<GattCharacteristic> found;
         const std::uint32_t r = system_->characteristics(handle_, service, kDiscoveryLimit, found);
         if (r != 0) {
