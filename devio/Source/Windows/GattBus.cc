@@ -128,13 +128,9 @@ void GattBus::produceForPath(const std::string& path, bool arrival) {
     std::shared_ptr<IHardwareDevice> device =
         std::make_shared<GattDevice>(shared_from_this(), bus, gatt, path);
     if (arrival) {
-        DEVIO_LOG("GattBus", 3, "processDeviceChange",
-                  "GattBus::processDeviceChange arrive producing onPlug event");
         produce([device](IHardwareBus::PlugUnplug* s) { s->onPlug(device); },
                 event_names::GattBusPlugUnplug.onPlug);
     } else {
-        DEVIO_LOG("GattBus", 3, "processDeviceChange",
-                  "GattBus::processDeviceChange remove producing onUnplug event");
         produce([device](IHardwareBus::PlugUnplug* s) { s->onUnplug(device); },
                 event_names::GattBusPlugUnplug.onUnplug);
     }
@@ -186,9 +182,13 @@ void GattBus::process_wm_devicechange(unsigned event, const void* raw) {
         header->interface_class != kVxpGattClass) {
         return;
     }
-    DEVIO_LOG("GattBus", 3, "processDeviceChange",
-              "GattBus::processDeviceChange %s GATT interface, path=%s",
-              arrival ? "arrive" : "remove", header->path.c_str());
+    if (arrival) {
+        DEVIO_LOG("GattBus", 3, "processDeviceChange",
+                  "GattBus::processDeviceChange arrive producing onPlug event");
+    } else {
+        DEVIO_LOG("GattBus", 3, "processDeviceChange",
+                  "GattBus::processDeviceChange remove producing onUnplug event");
+    }
     produceForPath(header->path, arrival);
 }
 
