@@ -98,8 +98,7 @@ std::vector<std::shared_ptr<IHardwareDevice>> GattBus::devices() {
 
 void GattBus::find_interfaces(std::vector<std::shared_ptr<IHardwareDevice>>& out) {
     auto gatt = this->gatt();
-    auto bus = bus_.lock();
-    if (!gatt || !bus) return;
+    if (!gatt) return;
     std::vector<HidInterface> found = gatt->interfaces();
     for (const HidInterface& each : found) {
         DEVIO_LOG("GattBus", 3, "find_interfaces", "Bluetooth - find_interfaces %s",
@@ -108,7 +107,7 @@ void GattBus::find_interfaces(std::vector<std::shared_ptr<IHardwareDevice>>& out
     DEVIO_LOG("GattBus", 3, "find_interfaces", "Bluetooth - find_interfaces exit (found %d)",
               static_cast<int>(found.size()));
     for (const HidInterface& each : found) {
-        auto device = std::make_shared<GattDevice>(shared_from_this(), bus, gatt, each.path);
+        auto device = std::make_shared<GattDevice>(weak_from_this(), bus_, gatt, each.path);
         if (!device->open()) {
             DEVIO_LOG("GattBus", 3, "EnumerateInterfaces",
                       "GattBus::EnumerateInterfaces ignoring device it could not open");
@@ -121,12 +120,12 @@ void GattBus::find_interfaces(std::vector<std::shared_ptr<IHardwareDevice>>& out
     }
 }
 
+// On the platform bus's window thread: nothing here may hold that bus.
 void GattBus::produceForPath(const std::string& path, bool arrival) {
     auto gatt = this->gatt();
-    auto bus = bus_.lock();
-    if (!gatt || !bus) return;
+    if (!gatt) return;
     std::shared_ptr<IHardwareDevice> device =
-        std::make_shared<GattDevice>(shared_from_this(), bus, gatt, path);
+        std::make_shared<GattDevice>(weak_from_this(), bus_, gatt, path);
     if (arrival) {
         produce([device](IHardwareBus::PlugUnplug* s) { s->onPlug(device); },
                 event_names::GattBusPlugUnplug.onPlug);

@@ -69,10 +69,12 @@ private:
 
 }  // namespace
 
-GattDevice::GattDevice(const std::shared_ptr<GattBus>& gatt_bus,
-                       const std::shared_ptr<Win32Bus>& bus, std::shared_ptr<IGattSystem> system,
-                       std::string path)
-    : gatt_bus_(gatt_bus), win32_bus_(bus), system_(std::move(system)), path_(std::move(path)) {}
+GattDevice::GattDevice(std::weak_ptr<GattBus> gatt_bus, std::weak_ptr<Win32Bus> bus,
+                       std::shared_ptr<IGattSystem> system, std::string path)
+    : gatt_bus_(std::move(gatt_bus)),
+      win32_bus_(std::move(bus)),
+      system_(std::move(system)),
+      path_(std::move(path)) {}
 
 GattDevice::~GattDevice() {
     destructed_ = true;

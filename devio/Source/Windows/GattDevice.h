@@ -29,7 +29,9 @@ class GattDevice : public IHardwareDevice,
                    public Producer<IHardwareDevice::Read>,
                    public Producer<IHardwareDevice::Connect> {
 public:
-    GattDevice(const std::shared_ptr<GattBus>& gatt_bus, const std::shared_ptr<Win32Bus>& bus,
+    // Holds both buses weakly: a device made on the platform bus's window
+    // thread must never be what keeps that bus alive.
+    GattDevice(std::weak_ptr<GattBus> gatt_bus, std::weak_ptr<Win32Bus> bus,
                std::shared_ptr<IGattSystem> system, std::string path);
     ~GattDevice() override;
 
