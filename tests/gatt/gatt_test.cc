@@ -328,6 +328,21 @@ TEST(Gatt, ServicesThatComeAndGoArePluggedAndUnplugged) {
     plugs.unsubscribe(gatt);
 }
 
+// A machine without BlueZ has no GATT device, which is no failure: the
+// GATT bus lists nothing and leaves no error behind.
+TEST(Gatt, WithoutBlueZThereIsNoGattDevice) {
+    simtest::SimMachine machine(kNothing);
+    PrivateSystemBus system_bus;
+    ASSERT_TRUE(system_bus.ok());
+    ASSERT_TRUE(cdevio.config_set(kBleActive, true));
+    auto bus = GattHostBus::make(machine);
+    auto gatt = bus->gatt();
+    ASSERT_NE(gatt, nullptr);
+    devio::set_error(devio::InternalError);
+    EXPECT_TRUE(gatt->devices().empty());
+    EXPECT_EQ(devio::error_record().err, devio::Success);
+}
+
 // A Low Energy device seen on HID and on GATT at once: one device for the
 // host, whose data path is the GATT interface with use_blevx and the HID
 // one without; the other is its monitor, never written to. A device

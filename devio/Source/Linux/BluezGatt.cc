@@ -17,7 +17,6 @@
 #include <mutex>
 #include <thread>
 
-#include "Base/DevioException.h"
 #include "Linux/BluezObjects.h"
 #include "Linux/SysfsHidraw.h"
 #include "Windows/GattSystem.h"
@@ -109,8 +108,9 @@ public:
         std::string why;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            const int r = snapshot(now, why);
-            if (r < 0) throw DevioException(PlatformLibraryFailed, why.c_str());
+            // No system bus, or no BlueZ on it: a machine without Bluetooth
+            // has no GATT device, which is no failure.
+            if (snapshot(now, why) < 0) return {};
         }
         std::vector<HidInterface> out;
         std::map<std::string, bool> seen;

@@ -66,8 +66,8 @@ public:
     virtual ~IGattSystem() = default;
 
     // The devices that offer the maker's service now, as interface paths
-    // (lower case) in a stable order. Throws DevioException when the
-    // Bluetooth stack cannot be asked.
+    // (lower case) in a stable order; none where there is no Bluetooth
+    // stack to ask.
     virtual std::vector<HidInterface> interfaces() = 0;
     // A handle for one device's GATT database; kInvalidHandle with the
     // error in `sys_error` when the device is not there.
