@@ -10,11 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "BenchStats.h"
 #include "Session.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
 
 constexpr int kRounds = 15;
 
@@ -23,17 +25,12 @@ struct Start {
     double ms = 0;
 };
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 // Starts a Device, discovers every feature, and ends it (which writes the
 // cache file when it learnt something).
 bool discover(loadtest::Session& s, Start& out) {
     const auto begin = Clock::now();
     const std::size_t found = s.start().features().size();
-    out.ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    out.ms = bench::since<std::milli>(begin);
     out.reports = s.sent().size();
     s.stop();
     return found > 0;

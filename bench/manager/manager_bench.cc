@@ -14,22 +14,19 @@
 #include <vector>
 
 #include "Base/ErrorRecord.h"
+#include "BenchStats.h"
 #include "Manager/DeviceManager.h"
 #include "SimHost.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
 constexpr int kRounds = 9;
 constexpr int kRepeats = 200;
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 double us_since(Clock::time_point start) {
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    return bench::since<std::micro>(start);
 }
 
 struct Figures {

@@ -16,25 +16,22 @@
 #include <vector>
 
 #include "Base/Subscriber.h"
+#include "BenchStats.h"
 #include "Bus/Braid/BraidBus.h"
 #include "Bus/Combiner/CombinerBus.h"
 #include "SimHost.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
 constexpr int kRounds = 9;
 constexpr int kLinkMs = 8;
 constexpr int kFirstMinimum = 4;
 constexpr int kRepeatMinimum = 2;
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 double ms_since(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    return bench::since<std::milli>(start);
 }
 
 // Every report that reached the receiver's hardware.

@@ -24,6 +24,7 @@
 
 #include "Base/ErrorRecord.h"
 #include "Base/Subscriber.h"
+#include "BluezMock.h"
 #include "Device/IDevice.h"
 #include "Linux/ChangeSources.h"
 #include "Manager/CDevio.h"
@@ -39,6 +40,7 @@ using devio::IDevice;
 using devio::IDeviceManager;
 using devio::test::eventually;
 
+constexpr unsigned kReceiversActive = 4;
 constexpr unsigned kCordedActive = 5;
 
 // Arrivals and removals in the order the manager tells them.
@@ -281,73 +283,71 @@ TEST(PlatformBus, EndOfTheBusLeavesNoThreadOrDescriptor) {
 }
 
 // A private system bus with a mock of logind: PrepareForSleep(false) reaches
-// the manager as onPowerChange(false).
-TEST(PlatformBus, ResumeFromLogindReachesTheManager) {
-    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "no dbus-daemon";
-    int out[2];
-    ASSERT_EQ(::pipe(out), 0);
-    const pid_t daemon = ::fork();
-    if (daemon == 0) {
-        ::dup2(out[1], 1);
-        ::execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--print-address",
-                static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    char buf[512] = {};
-    std::string address;
-    while (address.find('\n') == std::string::npos) {
-        const ssize_t n = ::read(out[0], buf, sizeof buf - 1);
-        if (n <= 0) break;
-        address.append(buf, static_cast<std::size_t>(n));
-    }
-    ::close(out[0]);
-    ASSERT_NE(address.find('\n'), std::string::npos) << "dbus-daemon gave no address";
-    address.resize(address.find('\n'));
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+// the manager as onPowerChange(false): a receiver reads its paired devices
+// again, since pairings may have changed while the machine slept, and each
+// device confirms the configuration it may have lost.
+TEST(PlatformBus, ResumeFromLogindReachesTheManagerAndTheReceivers) {
+    bttest::PrivateSystemBus bus;
+    ASSERT_TRUE(bus.ok()) << "no private system bus (dbus-daemon)";
     const pid_t mock = ::fork();
     if (mock == 0) {
         ::execl("/usr/bin/python3", "python3", "-m", "dbusmock", "--system", "--template", "logind",
                 static_cast<char*>(nullptr));
         ::_exit(127);
     }
-    const std::string emit = "busctl --address=" + address +
+    const std::string busctl = "busctl --address=" + bus.address();
+    const std::string emit = busctl +
                              " call org.freedesktop.login1 /org/freedesktop/login1 "
                              "org.freedesktop.DBus.Mock EmitSignal sssav "
                              "org.freedesktop.login1.Manager PrepareForSleep b 1 b ";
     ASSERT_TRUE(eventually(
         [&] {
-            return std::system(("busctl --address=" + address +
-                                " status org.freedesktop.login1 >/dev/null 2>&1")
-                                   .c_str()) == 0;
+            return std::system(
+                       (busctl + " status org.freedesktop.login1 >/dev/null 2>&1").c_str()) == 0;
         },
         std::chrono::milliseconds(20000)))
         << "the logind mock did not come up";
 
-    SimMachine sim(R"({"devices": []})");
+    SimMachine sim(R"({"receivers": [{"id": "dongle", "pid": "0xA105",
+        "devices": [{"id": "kb", "qid": "0x4B21", "slot": 1}]}]})");
+    const std::string enumeration = "===> Starting receiver enumeration...";
+    const std::string confirmation = "Device::confirm_configuration(pid = 0x4b21) begin";
+    const auto count = [](const std::string& text, const std::string& what) {
+        std::size_t n = 0;
+        for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+        return n;
+    };
     std::string log;
+    const auto read_log = [&] {
+        log += testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
+    };
     testing::internal::CaptureStderr();
     {
+        ASSERT_TRUE(cdevio.config_set(kReceiversActive, true));
         Library lib(sim);
-        ASSERT_TRUE(cdevio.devices().empty());
+        EXPECT_TRUE(eventually([&] { return cdevio.devices().size() == 2; }));
+        read_log();
+        const std::size_t before = count(log, enumeration);
+        const std::size_t confirmed = count(log, confirmation);
+        EXPECT_GE(before, 1u);
         EXPECT_EQ(std::system((emit + "true").c_str()), 0);
         EXPECT_EQ(std::system((emit + "false").c_str()), 0);
         // The log is the only witness of the manager's resume handling.
-        eventually([&] {
-            log += testing::internal::GetCapturedStderr();
-            testing::internal::CaptureStderr();
-            return log.find("DeviceManager::onPowerChange(standBy=0)") != std::string::npos;
-        });
+        EXPECT_TRUE(eventually([&] {
+            read_log();
+            return log.find("DeviceManager::onPowerChange(standBy=0)") != std::string::npos &&
+                   count(log, enumeration) > before && count(log, confirmation) > confirmed;
+        }));
+        EXPECT_EQ(cdevio.devices().size(), 2u);
+        for (const auto& e : lib.watcher.events()) EXPECT_TRUE(e.arrival) << e.path;
     }
     log += testing::internal::GetCapturedStderr();
     ::kill(mock, SIGTERM);
-    ::kill(daemon, SIGTERM);
     ::waitpid(mock, nullptr, 0);
-    ::waitpid(daemon, nullptr, 0);
     EXPECT_NE(log.find("PBT_APMRESUMEAUTOMATIC"), std::string::npos);
     // Going to sleep is not told.
     EXPECT_EQ(log.find("DeviceManager::onPowerChange(standBy=1)"), std::string::npos);
-    EXPECT_NE(log.find("DeviceManager::onPowerChange(standBy=0)"), std::string::npos);
     EXPECT_EQ(log.find("no resume events"), std::string::npos);
 }
 

@@ -88,8 +88,9 @@ std::optional<Upload> uploadOnce(UploadBench& bench, const std::string& devio_sy
 
 // A desk of corded devices: a complete mouse, a pad without the battery
 // feature, a prototype with a type code beyond the known words, a keyboard
-// in two pieces (its short and long reports on two collections), and a
-// device with no firmware entities.
+// in two pieces (its short and long reports on two collections), a device
+// with no firmware entities, and a receiver with a keyboard behind it and a
+// trackball whose link is down.
 const char* const kDesk = R"({"devices": [
   {"id": "mouse", "name": "Vantrel Corded Mouse", "pid": "0xC08B", "device_type": "mouse",
    "entities": [
@@ -105,7 +106,12 @@ const char* const kDesk = R"({"devices": [
    "collections": [
      {"usage_page": "0xFF00", "usage": 1, "report_id": 16, "size": 7},
      {"usage_page": "0xFF00", "usage": 2, "report_id": 17, "size": 20}]},
-  {"id": "bare", "name": "Vantrel Bare Keys", "pid": "0xB030", "entities": []}]})";
+  {"id": "bare", "name": "Vantrel Bare Keys", "pid": "0xB030", "entities": []}],
+ "receivers": [
+  {"id": "dongle", "name": "Vantrel Receiver", "pid": "0xA105", "devices": [
+    {"id": "keys", "name": "Vantrel Keys", "qid": "0x4B21", "slot": 1, "device_type": "keyboard",
+     "battery": {"level": 35}},
+    {"id": "ball", "name": "Vantrel Ball", "qid": "0x4D11", "slot": 2, "connected": false}]}]})";
 
 json entity(int type, const char* prefix, const char* version, const char* build, int rdnf) {
     return {
@@ -130,9 +136,10 @@ json expectedDesk() {
         {"fws", {entity(0, "MPM", "1203", "0045", 1), entity(1, "BOT", "0102", "0007", 0)}}};
     // The others run the simulator's default firmware: one entity, no
     // transport, their own product id first.
-    const auto plain = [](const char* name, const char* type, const char* pid, int battery) {
+    const auto plain = [](const char* name, const char* type, const char* pid, int battery,
+                          int bustype = 0) {
         json device = {{"name", name},
-                       {"bustype", 0},
+                       {"bustype", bustype},
                        {"connected", true},
                        {"devname", name},
                        {"devtype", type},
@@ -148,7 +155,12 @@ json expectedDesk() {
     const json pad = plain("Vantrel Touch Pad", "touch", "0xb010", -1);  // no battery feature
     const json proto = plain("Vantrel Prototype", "14", "0xb011", 5);
     const json split = plain("Vantrel Split Keyboard", "keyboard", "0xb021", 90);
-    return {mouse, pad, proto, split};
+    // A receiver answers no features: the four keys every device has. So
+    // has a device behind it whose link is down.
+    const json receiver = {{"name", "Vantrel Receiver"}, {"bustype", 0}, {"connected", true}};
+    const json keys = plain("Vantrel Keys", "keyboard", "0x4b21", 35, 1);
+    const json ball = {{"name", "Vantrel Ball"}, {"bustype", 1}, {"connected", false}};
+    return {mouse, pad, proto, split, receiver, keys, ball};
 }
 
 TEST(InventoryUpload, DeskDevicesWithEveryKeyTheirFeaturesGive) {
@@ -158,14 +170,19 @@ TEST(InventoryUpload, DeskDevicesWithEveryKeyTheirFeaturesGive) {
                                    bench.dir.file("no-machine"));
     ASSERT_TRUE(upload);
     ASSERT_TRUE(upload->header.contains("vant")) << upload->text;
-    ASSERT_EQ(upload->header["vant"]["a"].size(), 5u) << upload->text;
+    ASSERT_EQ(upload->header["vant"]["a"].size(), 8u) << upload->text;
     // One entry per device, the two pieces of the split keyboard as one.
     std::map<std::string, json> devices;
+    std::map<std::string, json> busports;
     for (json device : upload->header["vant"]["a"]) {
         EXPECT_TRUE(device["busport"].is_number_unsigned()) << device.dump();
+        busports[device.value("name", "")] = device["busport"];
         device.erase("busport");
         devices[device.value("name", "")] = device;
     }
+    // Behind a receiver, the port is the device's number on it.
+    EXPECT_EQ(busports["Vantrel Keys"], 1);
+    EXPECT_EQ(busports["Vantrel Ball"], 2);
     for (const json& expected : expectedDesk()) {
         EXPECT_EQ(devices[expected["name"]], expected);
     }
@@ -203,7 +220,7 @@ TEST(InventoryUpload, DeviceThatStopsAnsweringDelaysTheUploadButItHappens) {
     ASSERT_TRUE(upload);
     std::map<std::string, json> byName;
     for (const json& device : upload->header["vant"]["a"]) byName[device["name"]] = device;
-    EXPECT_EQ(byName.size(), 5u) << upload->header["vant"].dump();
+    EXPECT_EQ(byName.size(), 8u) << upload->header["vant"].dump();
     EXPECT_EQ(byName["Vantrel Corded Mouse"].value("battery", -1), 80);
     EXPECT_TRUE(byName.count("Vantrel Touch Pad")) << upload->header["vant"].dump();
     EXPECT_GE(took, std::chrono::seconds(25)) << upload->header["vant"].dump();

@@ -176,6 +176,70 @@ std::string BluezMock::setPaired(const std::string& adapter, const std::string& 
                 "org.bluez.Device1", 1, "Paired", "b", paired ? 1 : 0);
 }
 
+std::string BluezMock::loadGatt(const std::string& template_path) {
+    return call("/", "org.freedesktop.DBus.Mock", "AddTemplate", "sa{sv}", template_path.c_str(),
+                0);
+}
+
+std::string BluezMock::addGattDevice(const std::string& adapter, const std::string& address,
+                                     const std::string& node, const std::string& characteristics,
+                                     bool descriptor, std::uint16_t pid) {
+    return call("/", kMockInterface, "AddGattDevice", "sssa{sv}", adapter.c_str(), address.c_str(),
+                node.c_str(), 3, "characteristics", "s", characteristics.c_str(), "descriptor", "b",
+                descriptor ? 1 : 0, "pid", "q", pid);
+}
+
+std::string BluezMock::removeGattDevice(const std::string& adapter, const std::string& address) {
+    return call("/", kMockInterface, "RemoveGattDevice", "ss", adapter.c_str(), address.c_str());
+}
+
+std::string BluezMock::gattNotify(const std::string& characteristic,
+                                  const std::vector<std::uint8_t>& value) {
+    if (!bus_) return "no bus";
+    sd_bus_message* m = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    int r =
+        sd_bus_message_new_method_call(bus_, &m, "org.bluez", "/", kMockInterface, "GattNotify");
+    if (r >= 0) r = sd_bus_message_append(m, "s", characteristic.c_str());
+    if (r >= 0) r = sd_bus_message_append_array(m, 'y', value.data(), value.size());
+    if (r >= 0) r = sd_bus_call(bus_, m, 0, &error, nullptr);
+    std::string why;
+    if (r < 0) why = std::string("GattNotify: ") + (error.message ? error.message : "failed");
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(m);
+    return why;
+}
+
+std::vector<BluezMock::GattWrite> BluezMock::gattWrites(const std::string& adapter,
+                                                        const std::string& address) {
+    std::vector<GattWrite> out;
+    sd_bus_message* reply = nullptr;
+    const std::string path = devicePath(adapter, address);
+    if (!bus_ || sd_bus_call_method(bus_, "org.bluez", "/", kMockInterface, "GattWrites", nullptr,
+                                    &reply, "s", path.c_str()) < 0) {
+        return out;
+    }
+    if (sd_bus_message_enter_container(reply, 'a', "(oays)") > 0) {
+        while (sd_bus_message_enter_container(reply, 'r', "oays") > 0) {
+            GattWrite w;
+            const char* text = nullptr;
+            const void* data = nullptr;
+            std::size_t size = 0;
+            sd_bus_message_read(reply, "o", &text);
+            w.characteristic = text ? text : "";
+            sd_bus_message_read_array(reply, 'y', &data, &size);
+            const auto* bytes = static_cast<const std::uint8_t*>(data);
+            w.value.assign(bytes, bytes + size);
+            sd_bus_message_read(reply, "s", &text);
+            w.type = text ? text : "";
+            sd_bus_message_exit_container(reply);
+            out.push_back(std::move(w));
+        }
+    }
+    sd_bus_message_unref(reply);
+    return out;
+}
+
 std::string nodeAddress(const std::string& sysfs_root, int hidraw) {
     std::ifstream in(sysfs_root + "/class/hidraw/hidraw" + std::to_string(hidraw) +
                      "/device/uevent");

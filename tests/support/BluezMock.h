@@ -8,6 +8,7 @@
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,26 @@ public:
     std::string setPaired(const std::string& adapter, const std::string& address, bool paired);
 
     static std::string devicePath(const std::string& adapter, const std::string& address);
+
+    // GATT: loads the template that gives devices the vendor service
+    // (tools/bluetooth-machine/gatt.py), then gives one device its GATT
+    // objects, backed by the simulated node at `node` (empty: none).
+    // `characteristics` lists "fixed" and "variable" in the order found.
+    std::string loadGatt(const std::string& template_path);
+    std::string addGattDevice(const std::string& adapter, const std::string& address,
+                              const std::string& node, const std::string& characteristics,
+                              bool descriptor, std::uint16_t pid);
+    std::string removeGattDevice(const std::string& adapter, const std::string& address);
+    // A notification of `characteristic` (an object path) with `value`.
+    std::string gattNotify(const std::string& characteristic,
+                           const std::vector<std::uint8_t>& value);
+    // What the device received: characteristic, value and write type.
+    struct GattWrite {
+        std::string characteristic;
+        std::vector<std::uint8_t> value;
+        std::string type;
+    };
+    std::vector<GattWrite> gattWrites(const std::string& adapter, const std::string& address);
 
 private:
     std::string call(const char* path, const char* interface, const char* member, const char* types,

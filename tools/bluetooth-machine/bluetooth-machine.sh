@@ -12,6 +12,7 @@
 #   tools/bluetooth-machine/bluez.py "$DBUS_SYSTEM_BUS_ADDRESS" DisconnectDevice hci0 ADDRESS
 #   tools/bluetooth-machine/bluez.py "$DBUS_SYSTEM_BUS_ADDRESS" ConnectDevice hci0 ADDRESS
 #   build/tools/devio-sim/devio-sim ctl DIR/machine unplug keys
+#   tools/bluetooth-machine/bluez.py "$DBUS_SYSTEM_BUS_ADDRESS" gatt ADDRESS NODE-SOCKET
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)

@@ -3,6 +3,13 @@
 
 usage: bluez.py ADDRESS pair-all SYSFS   adapter hci0, and every Bluetooth node
                                           of the machine added and paired
+       bluez.py ADDRESS gatt DEVICE NODE [KINDS]
+                                          the device at DEVICE (a Bluetooth
+                                          address known to the mock) gets the
+                                          vendor GATT service, backed by the
+                                          devio-sim node socket NODE; KINDS is
+                                          fixed (default), variable or
+                                          fixed,variable
        bluez.py ADDRESS METHOD ARGS...    one method of org.bluez.Mock, e.g.
                                           ConnectDevice hci0 00:1F:20:B3:5B:01
 
@@ -48,12 +55,22 @@ def pair_all(bus, sysfs):
         print(f"{os.path.basename(node)} {address} {'ble' if low_energy else 'classic'} paired")
 
 
+def gatt(bus, device, node, kinds):
+    dbus.Interface(bus.get_object('org.bluez', '/'), 'org.freedesktop.DBus.Mock') \
+        .AddTemplate(os.path.join(os.path.dirname(os.path.abspath(__file__)), 'gatt.py'), {})
+    mock = dbus.Interface(bus.get_object('org.bluez', '/'), 'org.bluez.Mock')
+    print(mock.AddGattDevice('hci0', device, node, {'characteristics': kinds}))
+
+
 def main():
     if len(sys.argv) < 3:
         sys.exit(__doc__)
     bus = dbus.bus.BusConnection(sys.argv[1])
     if sys.argv[2] == 'pair-all':
         pair_all(bus, sys.argv[3])
+        return
+    if sys.argv[2] == 'gatt':
+        gatt(bus, sys.argv[3], sys.argv[4], sys.argv[5] if len(sys.argv) > 5 else 'fixed')
         return
     mock = dbus.Interface(bus.get_object('org.bluez', '/'), 'org.bluez.Mock')
     result = getattr(mock, sys.argv[2])(*sys.argv[3:])

@@ -1,6 +1,7 @@
 #include "Linux/BluezObjects.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +31,26 @@ int readVariant(sd_bus_message* m, char type, T& out) {
     return sd_bus_message_exit_container(m);
 }
 
+// Walks an a{sv}, giving each key to `one`, which reads or skips its variant.
+template <class F>
+int readEachProperty(sd_bus_message* m, F&& one) {
+    int r = sd_bus_message_enter_container(m, 'a', "{sv}");
+    if (r < 0) return r;
+    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+        const char* key = nullptr;
+        r = sd_bus_message_read_basic(m, 's', &key);
+        if (r < 0) return r;
+        r = one(std::string(key));
+        if (r < 0) return r;
+        r = sd_bus_message_exit_container(m);
+        if (r < 0) return r;
+    }
+    if (r < 0) return r;
+    return sd_bus_message_exit_container(m);
+}
+
+}  // namespace
+
 int readText(sd_bus_message* m, char type, std::string& out) {
     const char* text = nullptr;
     const int r = readVariant(m, type, text);
@@ -42,6 +63,26 @@ int readFlag(sd_bus_message* m, bool& out) {
     const int r = readVariant(m, 'b', value);
     if (r >= 0) out = value != 0;
     return r;
+}
+
+int readUint16(sd_bus_message* m, std::uint16_t& out) {
+    return readVariant(m, 'q', out);
+}
+
+int readBytes(sd_bus_message* m, std::vector<std::uint8_t>& out) {
+    const char* contents = nullptr;
+    int r = sd_bus_message_peek_type(m, nullptr, &contents);
+    if (r < 0) return r;
+    if (contents == nullptr || std::strcmp(contents, "ay") != 0) return sd_bus_message_skip(m, "v");
+    r = sd_bus_message_enter_container(m, 'v', "ay");
+    if (r < 0) return r;
+    const void* data = nullptr;
+    std::size_t size = 0;
+    r = sd_bus_message_read_array(m, 'y', &data, &size);
+    if (r < 0) return r;
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    out.assign(bytes, bytes + size);
+    return sd_bus_message_exit_container(m);
 }
 
 int readStrings(sd_bus_message* m, std::vector<std::string>& out) {
@@ -63,6 +104,8 @@ int readStrings(sd_bus_message* m, std::vector<std::string>& out) {
     return sd_bus_message_exit_container(m);
 }
 
+namespace {
+
 int readProperty(sd_bus_message* m, const std::string& key, RemoteDevice& d) {
     if (key == "Address") {
         std::string text;
@@ -77,25 +120,43 @@ int readProperty(sd_bus_message* m, const std::string& key, RemoteDevice& d) {
     if (key == "Connected") return readFlag(m, d.connected);
     if (key == "UUIDs") return readStrings(m, d.uuids);
     if (key == "Class") return readVariant(m, 'u', d.class_of_device);
+    if (key == "Modalias") return readText(m, 's', d.modalias);
     return sd_bus_message_skip(m, "v");
 }
 
 }  // namespace
 
+int gattKind(const std::string& interface) {
+    if (interface == kGattServiceInterface) return GattObject::Service;
+    if (interface == kGattCharacteristicInterface) return GattObject::Characteristic;
+    if (interface == kGattDescriptorInterface) return GattObject::Descriptor;
+    return -1;
+}
+
 int readDeviceProperties(sd_bus_message* m, RemoteDevice& d) {
-    int r = sd_bus_message_enter_container(m, 'a', "{sv}");
-    if (r < 0) return r;
-    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-        const char* key = nullptr;
-        r = sd_bus_message_read_basic(m, 's', &key);
-        if (r < 0) return r;
-        r = readProperty(m, key, d);
-        if (r < 0) return r;
-        r = sd_bus_message_exit_container(m);
-        if (r < 0) return r;
+    return readEachProperty(m, [&](const std::string& key) { return readProperty(m, key, d); });
+}
+
+namespace {
+
+int readGattProperty(sd_bus_message* m, const std::string& key, GattObject& o) {
+    if (key == "UUID") {
+        const int r = readText(m, 's', o.uuid);
+        for (char& c : o.uuid) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return r;
     }
-    if (r < 0) return r;
-    return sd_bus_message_exit_container(m);
+    if (key == "Device" || key == "Service" || key == "Characteristic")
+        return readText(m, 'o', o.parent);
+    if (key == "Flags") return readStrings(m, o.flags);
+    if (key == "Value") return readBytes(m, o.value);
+    if (key == "Notifying") return readFlag(m, o.notifying);
+    return sd_bus_message_skip(m, "v");
+}
+
+}  // namespace
+
+int readGattProperties(sd_bus_message* m, GattObject& o) {
+    return readEachProperty(m, [&](const std::string& key) { return readGattProperty(m, key, o); });
 }
 
 int readInterfaces(sd_bus_message* m, const std::string& path, Snapshot& snapshot,
@@ -109,6 +170,10 @@ int readInterfaces(sd_bus_message* m, const std::string& path, Snapshot& snapsho
         const std::string interface = name;
         if (interface == kDeviceInterface) {
             r = readDeviceProperties(m, snapshot.devices[path]);
+        } else if (const int kind = gattKind(interface); kind >= 0) {
+            GattObject& object = snapshot.gatt[path];
+            object.kind = static_cast<GattObject::Kind>(kind);
+            r = readGattProperties(m, object);
         } else {
             if (interface == kAdapterInterface) snapshot.adapters.insert(path);
             r = sd_bus_message_skip(m, "a{sv}");

@@ -27,17 +27,50 @@ struct RemoteDevice {
     bool paired = false;
     bool connected = false;
     std::vector<std::string> uuids;
+    std::string modalias;  // "bluetooth:v046DpB35Bd0001" where known
 };
 
-// The objects of BlueZ at one moment: radios by path, devices by path.
+inline constexpr const char kGattServiceInterface[] = "org.bluez.GattService1";
+inline constexpr const char kGattCharacteristicInterface[] = "org.bluez.GattCharacteristic1";
+inline constexpr const char kGattDescriptorInterface[] = "org.bluez.GattDescriptor1";
+
+// One object of a remote GATT database: a service (its parent is the
+// device), a characteristic (its service) or a descriptor (its
+// characteristic).
+struct GattObject {
+    enum Kind { Service, Characteristic, Descriptor };
+    Kind kind = Service;
+    std::string uuid;    // lower case
+    std::string parent;  // object path
+    std::vector<std::string> flags;
+    std::vector<std::uint8_t> value;  // as BlueZ last knew it
+    bool notifying = false;
+};
+
+// The objects of BlueZ at one moment: radios by path, devices by path,
+// GATT objects by path.
 struct Snapshot {
     std::set<std::string> adapters;
     std::map<std::string, RemoteDevice> devices;
+    std::map<std::string, GattObject> gatt;
 };
+
+// Readers of one property's variant; a value of another type is skipped
+// and leaves `out` as it was.
+int readText(sd_bus_message* message, char type, std::string& out);
+int readFlag(sd_bus_message* message, bool& out);
+int readUint16(sd_bus_message* message, std::uint16_t& out);
+int readStrings(sd_bus_message* message, std::vector<std::string>& out);
+int readBytes(sd_bus_message* message, std::vector<std::uint8_t>& out);
 
 // Reads an a{sv} of Device1 properties into `device`, changing only what it
 // names. A negative errno when the message is not of that shape.
 int readDeviceProperties(sd_bus_message* message, RemoteDevice& device);
+// Reads an a{sv} of properties of a GATT object into `object`, changing
+// only what it names.
+int readGattProperties(sd_bus_message* message, GattObject& object);
+// The GattObject kind of a GATT interface name, or -1 for another one.
+int gattKind(const std::string& interface);
 // Reads an a{sa{sv}} of interfaces with their properties for the object at
 // `path` into `snapshot`; `added` gets the interfaces named.
 int readInterfaces(sd_bus_message* message, const std::string& path, Snapshot& snapshot,

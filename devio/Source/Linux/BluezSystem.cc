@@ -9,6 +9,7 @@
 #include "Base/DevioException.h"
 #include "Linux/BluezObjects.h"
 #include "Linux/LinuxSystem.h"
+#include "Linux/SysfsHidraw.h"
 #include "Windows/BluetoothSystem.h"
 
 namespace devio {
@@ -73,6 +74,17 @@ public:
     }
 
     bool address_of_path(const std::string& path, std::uint64_t& address, int& bustype) override {
+        // A GATT interface is named by its BlueZ device object; only Low
+        // Energy devices have one.
+        if (path.rfind("/org/bluez/", 0) == 0) {
+            const std::size_t at = path.rfind("/dev_");
+            if (at == std::string::npos) return false;
+            std::string text = path.substr(at + 5);
+            for (char& c : text) c = c == '_' ? ':' : c;
+            if (!linux_hid::parseBluetoothAddress(text, address)) return false;
+            bustype = 3;
+            return true;
+        }
         bool low_energy = false;
         if (!system_->bluetoothIdentity(path, address, low_energy)) return false;
         bustype = low_energy ? 3 : 2;

@@ -4,6 +4,7 @@
 // closing, and the flags of a device changing (pairing, and the link of a
 // Low Energy device).
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "Linux/BluezObjects.h"
 #include "Linux/SdBusSource.h"
 #include "Windows/BluetoothSystem.h"
+#include "Windows/GattSystem.h"
 
 namespace devio::linux_hid {
 
@@ -134,7 +136,20 @@ private:
         if (interfaces.count(bluez::kAdapterInterface) && !had_adapter) me->radio(true, where);
         if (interfaces.count(bluez::kDeviceInterface))
             me->compare(before, was, me->state_.devices[where], true);
+        if (interfaces.count(bluez::kGattServiceInterface)) me->vendorService(true, where);
         return 0;
+    }
+
+    // The vendor service stands for the GATT interface of its device.
+    void vendorService(bool added, const std::string& service) {
+        const auto it = state_.gatt.find(service);
+        if (it == state_.gatt.end() || it->second.kind != bluez::GattObject::Service ||
+            it->second.uuid != kVxpGattService) {
+            return;
+        }
+        std::string path = it->second.parent;
+        for (char& c : path) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        push({added ? NodeEvent::GattAdded : NodeEvent::GattRemoved, path, {}, {}});
     }
 
     static int onRemoved(sd_bus_message* m, void* self, sd_bus_error*) {
@@ -150,6 +165,11 @@ private:
             if (std::strcmp(*each, bluez::kAdapterInterface) == 0 &&
                 me->state_.adapters.erase(where) != 0) {
                 me->radio(false, where);
+            }
+            if (bluez::gattKind(*each) >= 0) {
+                if (std::strcmp(*each, bluez::kGattServiceInterface) == 0)
+                    me->vendorService(false, where);
+                me->state_.gatt.erase(where);
             }
             const auto it = me->state_.devices.find(where);
             if (std::strcmp(*each, bluez::kDeviceInterface) == 0 &&
@@ -190,6 +210,7 @@ private:
             return 0;
         }
         for (const std::string& adapter : me->state_.adapters) me->radio(false, adapter);
+        for (const auto& [path, object] : me->state_.gatt) me->vendorService(false, path);
         me->state_ = {};
         return 0;
     }

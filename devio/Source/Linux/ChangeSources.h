@@ -22,6 +22,8 @@ struct NodeEvent {
         RadioAdded,    // a Bluetooth radio appeared: `node` is its path
         RadioRemoved,  // a Bluetooth radio went: `node`
         Bluetooth,     // the Bluetooth stack told of a remote device: `bluetooth`
+        GattAdded,     // a device's vendor GATT service appeared: `node` is its path
+        GattRemoved,   // it went: `node`
     };
     Kind kind;
     std::string node;

@@ -16,6 +16,7 @@
 #include "Base/DevioException.h"
 #include "Linux/SysfsHidraw.h"
 #include "Windows/BluetoothSystem.h"
+#include "Windows/GattSystem.h"
 
 namespace devio {
 
@@ -133,18 +134,16 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
         case NodeEvent::Lost:
             rescan();
             break;
-        case NodeEvent::RadioAdded:
-        case NodeEvent::RadioRemoved: {
-            DeviceChangeHeader header;
-            header.device_type = device_change::kInterface;
-            header.interface_class = kBluetoothRadioClass;
-            header.path = event.node;
-            deviceChange(event.kind == NodeEvent::RadioAdded ? device_change::kArrival
-                                                             : device_change::kRemoveComplete,
-                         std::move(header));
+        case NodeEvent::GattAdded:
+        case NodeEvent::GattRemoved:
+            interfaceChange(kVxpGattClass, event.node, event.kind == NodeEvent::GattAdded);
             break;
-        }
+        case NodeEvent::RadioAdded:
+        case NodeEvent::RadioRemoved:
+            interfaceChange(kBluetoothRadioClass, event.node, event.kind == NodeEvent::RadioAdded);
+            break;
         case NodeEvent::Bluetooth: {
+            if (!watching(kBluetoothRadioClass)) break;
             DeviceChangeHeader header;
             header.device_type = device_change::kHandle;
             header.path = event.node;
@@ -153,6 +152,19 @@ void DeviceChangeWindow::apply(const linux_hid::NodeEvent& event) {
             break;
         }
     }
+}
+
+// An interface of a class that the Bluetooth stack tells of, to the window
+// only while someone watches the class.
+void DeviceChangeWindow::interfaceChange(const char* interface_class, const std::string& path,
+                                         bool arrival) {
+    if (!watching(interface_class)) return;
+    DeviceChangeHeader header;
+    header.device_type = device_change::kInterface;
+    header.interface_class = interface_class;
+    header.path = path;
+    deviceChange(arrival ? device_change::kArrival : device_change::kRemoveComplete,
+                 std::move(header));
 }
 
 void DeviceChangeWindow::deviceChange(unsigned event, DeviceChangeHeader header) {
@@ -297,9 +309,18 @@ std::uintptr_t DeviceChangeWindow::register_handle_notification(PlatformHandle h
     return notification;
 }
 
-// The radio class brings the Bluetooth stack's events, from the moment of
-// the first registration to the end of the last.
-std::uintptr_t DeviceChangeWindow::watchRadios(std::uint32_t& sys_error) {
+bool DeviceChangeWindow::watching(const std::string& interface_class) const {
+    for (const auto& [notification, registered] : interfaces_) {
+        if (registered == interface_class) return true;
+    }
+    return false;
+}
+
+// The radio class brings the Bluetooth stack's events, and the GATT class
+// the vendor services of its devices, from the moment of the first
+// registration of either to the end of the last.
+std::uintptr_t DeviceChangeWindow::watchBluez(const std::string& interface_class,
+                                              std::uint32_t& sys_error) {
     if (!bluetooth_) {
         std::string why;
         int err = 0;
@@ -312,13 +333,14 @@ std::uintptr_t DeviceChangeWindow::watchRadios(std::uint32_t& sys_error) {
         }
     }
     const std::uintptr_t notification = next_notification_++;
-    interfaces_[notification] = kBluetoothRadioClass;
+    interfaces_[notification] = interface_class;
     return notification;
 }
 
 std::uintptr_t DeviceChangeWindow::register_interface_notification(
     const std::string& interface_class, std::uint32_t& sys_error) {
-    if (interface_class == kBluetoothRadioClass) return watchRadios(sys_error);
+    if (interface_class == kBluetoothRadioClass || interface_class == kVxpGattClass)
+        return watchBluez(interface_class, sys_error);
     if (interface_class != system_->hid_interface_class()) {
         sys_error = EINVAL;
         return 0;
@@ -356,8 +378,8 @@ bool DeviceChangeWindow::unregister_notification(std::uintptr_t notification,
         for (const auto& [other, still] : interfaces_) {
             if (still == interface_class) return true;
         }
-        if (interface_class == kBluetoothRadioClass) {
-            bluetooth_.reset();
+        if (interface_class == kBluetoothRadioClass || interface_class == kVxpGattClass) {
+            if (!watching(kBluetoothRadioClass) && !watching(kVxpGattClass)) bluetooth_.reset();
         } else {
             nodes_.reset();
             known_.clear();

@@ -6,6 +6,7 @@
 #include "Base/InstanceCount.h"
 #include "Manager/IDeviceManager.h"
 #include "Windows/BluetoothMicrosoftBus.h"
+#include "Windows/GattBus.h"
 #include "Windows/Win32Device.h"
 
 namespace devio {
@@ -14,6 +15,7 @@ namespace {
 // Configuration items of the manager that the platform bus reads.
 constexpr unsigned kConfigBluetoothActive = 0;
 constexpr unsigned kConfigBleActive = 1;
+constexpr unsigned kConfigBleMonitor = 2;
 }  // namespace
 
 std::shared_ptr<Win32Bus> Win32Bus::create(std::weak_ptr<IDeviceManager> manager) {
@@ -27,14 +29,24 @@ std::shared_ptr<Win32Bus> Win32Bus::create(std::weak_ptr<IDeviceManager> manager
 void Win32Bus::init() {
     bool bluetooth_active = false;
     bool ble_active = false;
+    bool ble_monitor = false;
     if (auto manager = manager_.lock()) {
         manager->config_get(kConfigBluetoothActive, &bluetooth_active);
         manager->config_get(kConfigBleActive, &ble_active);
+        manager->config_get(kConfigBleMonitor, &ble_monitor);
     } else {
         set_error(ShuttingDown);
     }
     bluetooth_monitors_.push_back(
         std::make_shared<BluetoothMicrosoftBus>(weak_from_this(), bluetooth_active || ble_active));
+    if (ble_active || ble_monitor)
+        secondary_busses_.push_back(std::make_shared<GattBus>(weak_from_this()));
+}
+
+bool Win32Bus::configItem(unsigned item) {
+    bool value = false;
+    if (auto manager = manager_.lock()) manager->config_get(item, &value);
+    return value;
 }
 
 Win32Bus::Win32Bus(std::weak_ptr<IDeviceManager> manager) : manager_(std::move(manager)) {

@@ -68,6 +68,9 @@ public:
     void closeTrackedHandle(std::uintptr_t notification, PlatformHandle handle);
     void read_failed_with_disconnect_error(const std::string& path);
     bool verify_device_exists(const std::string& path);
+    // A boolean configuration item of the manager; false when the manager
+    // is gone.
+    bool configItem(unsigned item);
     // Tells the manager of a failure that no caller can receive.
     void reportToManager(const char* where);
 
