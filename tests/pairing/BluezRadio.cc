@@ -122,6 +122,11 @@ void BluezRadio::unpair(const std::string& key, const std::string& radio) {
     paired_.erase(key);
 }
 
+std::string BluezRadio::gatt_path(const std::string& key) {
+    const Paired& device = find(key);
+    return bttest::BluezMock::devicePath(adapter_of(device.radio), device.address);
+}
+
 BluezRadio::Paired& BluezRadio::find(const std::string& key) {
     const auto found = paired_.find(key);
     if (found == paired_.end()) throw std::logic_error("not paired: " + key);

@@ -29,6 +29,8 @@ public:
     void connect(const std::string& key) override;
     void disconnect(const std::string& key) override;
     void unpair(const std::string& key, const std::string& radio) override;
+    // The device's object in BlueZ.
+    std::string gatt_path(const std::string& key) override;
 
 private:
     struct Paired {

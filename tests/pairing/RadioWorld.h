@@ -48,6 +48,9 @@ public:
     virtual void disconnect(const std::string& key) = 0;
     // The radio says that the device lost its pairing with `radio`.
     virtual void unpair(const std::string& key, const std::string& radio) = 0;
+    // The path of a paired device's vendor GATT interface, as the
+    // platform's GATT transport names it.
+    virtual std::string gatt_path(const std::string& key) = 0;
 };
 
 enum class World { Fake, Bluez };
@@ -113,6 +116,7 @@ public:
     void connect(const std::string& key) override { find(key)->connect(); }
     void disconnect(const std::string& key) override { find(key)->disconnect(); }
     void unpair(const std::string& key, const std::string& radio) override;
+    std::string gatt_path(const std::string& key) override { return "gatt-" + key + ":01"; }
 
     bool has_radio(const std::string& radio);
 
