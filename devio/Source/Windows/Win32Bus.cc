@@ -62,9 +62,13 @@ Win32Bus::~Win32Bus() {
         window->post_message(window_message::kClose, 0, 0);
     DEVIO_LOG("Win32Bus", 3, "~Win32Bus", "Win32Bus::~Win32Bus joining thread");
     if (window_thread_.joinable()) {
-        // A handler on the window thread may drop the last reference; the
-        // thread then ends by itself after this handler returns.
+        // A handler on the window thread may drop the last reference: what
+        // the thread would release at its end is released here, and the
+        // thread leaves its loop, touching nothing of the bus, once this
+        // handler returns.
         if (window_thread_.get_id() == std::this_thread::get_id()) {
+            releaseNotifications();
+            *alive_ = false;
             window_thread_.detach();
         } else {
             window_thread_.join();

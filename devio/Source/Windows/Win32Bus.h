@@ -87,6 +87,9 @@ private:
     // The window thread.
     void window_thread_static();
     void window_thread_has_started();
+    // Unregisters every notification and closes every tracked handle: the
+    // end of the window thread, or of the bus when it ends on that thread.
+    void releaseNotifications();
     std::intptr_t WindowProc(const WindowMessage& message);
     void serveRequest(Win32BusRequest& request);
     void processDeviceChange(unsigned event, const DeviceChangeHeader* header);
@@ -112,6 +115,9 @@ private:
     std::shared_ptr<IWin32System> system_;
     std::string hid_class_;
     std::atomic<bool> window_thread_ended_{false};
+    // False once the bus has ended on its own window thread; the thread
+    // holds a copy, which outlives the bus.
+    std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
     std::vector<std::shared_ptr<IBluetoothBus>> bluetooth_monitors_;
     std::vector<std::shared_ptr<IHardwareSecondaryBus>> secondary_busses_;
     std::map<std::uintptr_t, PlatformHandle> tracked_;  // guarded by tracked_mutex_

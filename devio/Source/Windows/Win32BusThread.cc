@@ -22,9 +22,11 @@ void Win32Bus::reportToManager(const char* where) {
 
 void Win32Bus::window_thread_static() {
     DEVIO_LOG("Win32Bus", 3, "window_thread_static", "Win32Bus::window_thread_static start");
+    const std::shared_ptr<std::atomic<bool>> alive = alive_;
     try {
         window_thread();
     } catch (...) {
+        if (!*alive) return;
         DEVIO_LOG("Win32Bus", 1, "window_thread_static",
                   "Win32Bus::window_thread_static exception");
         if (manager_.lock()) {
@@ -32,6 +34,9 @@ void Win32Bus::window_thread_static() {
             reportToManager("Win32Bus::window_thread_static");
         }
     }
+    // The bus ended on this thread, inside a handler: nothing of it is left
+    // to touch.
+    if (!*alive) return;
     window_.store(nullptr);
     window_thread_ended_ = true;
     {
@@ -69,14 +74,22 @@ void Win32Bus::window_thread() {
         reportToManager("Win32Bus::window_thread");
     window_thread_has_started();
 
+    // A handler may drop the last reference to the bus, whose destructor
+    // then runs here and leaves the loop without touching the bus again.
+    const std::shared_ptr<std::atomic<bool>> alive = alive_;
+    const std::shared_ptr<IDeviceChangeSystem> change = change_;
     WindowMessage message;
     for (;;) {
-        const int got = change_->get_message(message);
+        const int got = change->get_message(message);
         if (got == 0 || got == -1) break;
-        change_->dispatch_message(message);
+        change->dispatch_message(message);
+        if (!*alive) return;
         message = WindowMessage{};
     }
+    releaseNotifications();
+}
 
+void Win32Bus::releaseNotifications() {
     // Nobody can reach the window any more: later registrations fail at
     // once instead of waiting for a thread that has gone.
     window_.store(nullptr);
